@@ -1,0 +1,17 @@
+# SPDX-License-Identifier: MIT
+# 64-bit ARM, Debian's cross compiler or clang (OX_CLANG), run by QEMU.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES OX_CLANG)
+if(OX_CLANG)
+  set(CMAKE_C_COMPILER clang)
+  set(CMAKE_CXX_COMPILER clang++)
+  set(CMAKE_C_COMPILER_TARGET aarch64-linux-gnu)
+  set(CMAKE_CXX_COMPILER_TARGET aarch64-linux-gnu)
+else()
+  set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+  set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+endif()
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /usr/aarch64-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH /usr/aarch64-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

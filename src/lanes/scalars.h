@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+// The scalar types, once: what a matrix stores, how it is reached, how it is computed with.
+#pragma once
+
+#include <cstddef>
+
+#include "lanes/rounding.h"
+#include "ox.h"
+
+// Forced, so that no copy of a shared function is left behind by a source that is compiled for a wider instruction set.
+#define OX_INLINE inline __attribute__((always_inline))
+
+namespace ox {
+
+// The type each depth is computed in. Signed and unsigned integers of one width wrap to the same bits, so
+// the unsigned type serves both and no signed arithmetic, whose overflow is undefined, occurs anywhere.
+#define OX_DEPTHS(X)                                                          \
+  X(OX_U8, uint8_t) X(OX_S8, uint8_t) X(OX_U16, uint16_t) X(OX_S16, uint16_t) \
+  X(OX_S32, uint32_t) X(OX_F32, float) X(OX_S64, uint64_t) X(OX_F64, double)
+
+// One depth of each type, to find it in a table by.
+template <class T> constexpr uint32_t kDepthOf = OX_U8;
+template <> constexpr uint32_t kDepthOf<uint16_t> = OX_U16;
+template <> constexpr uint32_t kDepthOf<uint32_t> = OX_S32;
+template <> constexpr uint32_t kDepthOf<uint64_t> = OX_S64;
+template <> constexpr uint32_t kDepthOf<float> = OX_F32;
+template <> constexpr uint32_t kDepthOf<double> = OX_F64;
+
+// A scalar inside a matrix. Callers store int32_t, float, int64_t ... there, so the access may alias them all;
+// an 8-byte scalar behind the 20-byte header of a 32-bit build is aligned to 4 only.
+template <class T>
+struct __attribute__((packed, may_alias, aligned(sizeof(T) < 4 ? sizeof(T) : 4))) Stored {
+  T value;
+};
+
+// Arithmetic of one scalar. Narrow unsigned types would be promoted to int, where 65535 * 65535 overflows.
+template <class T> struct Wide { using type = unsigned; };
+template <> struct Wide<uint64_t> { using type = uint64_t; };
+template <> struct Wide<float> { using type = float; };
+template <> struct Wide<double> { using type = double; };
+
+template <class T> OX_INLINE T add(T a, T b) {
+  using W = typename Wide<T>::type;
+  return static_cast<T>(static_cast<W>(a) + static_cast<W>(b));
+}
+template <class T> OX_INLINE T sub(T a, T b) {
+  using W = typename Wide<T>::type;
+  return static_cast<T>(static_cast<W>(a) - static_cast<W>(b));
+}
+template <class T> OX_INLINE T mul(T a, T b) {
+  using W = typename Wide<T>::type;
+  return static_cast<T>(static_cast<W>(a) * static_cast<W>(b));
+}
+
+// Calls f with a zero of the type that a type word stands for.
+template <class F> inline void with_depth(uint32_t type, F&& f) {
+  switch (type & 7u) {
+#define OX_CASE(code, scalar) \
+  case code: return f(scalar{});
+    OX_DEPTHS(OX_CASE)
+#undef OX_CASE
+  }
+}
+
+}  // namespace ox

@@ -1,0 +1,465 @@
+// SPDX-License-Identifier: MIT
+#include "support.h"
+
+namespace {
+
+using support::Data;
+using support::Filled;
+using support::header;
+using support::Placement;
+using support::plain;
+using support::same_bytes;
+using support::same_values;
+
+const std::uint32_t kForms[] = {0, OX_MAT_TRANSPOSE_A, OX_MAT_TRANSPOSE_B};
+
+// Factors and a destination of one product, each beside memory that must not be touched.
+template <class D>
+class Product {
+ public:
+  using T = typename D::Scalar;
+
+  Product(support::Random& random, std::int32_t most)
+      : random_(random), left_(bytes(most, most)), right_(bytes(most, most)), to_(bytes(most, most)) {}
+
+  void lay(std::int32_t m, std::int32_t n, std::int32_t k, std::uint32_t flags) {
+    m_ = m, n_ = n, k_ = k, flags_ = flags;
+    const std::uint32_t type = support::with_high_bits(random_, D::kType);
+    const bool a_transposed = (flags & OX_MAT_TRANSPOSE_A) != 0;
+    const bool b_transposed = !a_transposed && (flags & OX_MAT_TRANSPOSE_B) != 0;
+    a = header(type, a_transposed ? k : m, a_transposed ? m : k, left_.place(bytes(m, k), anywhere()));
+    b = header(type, b_transposed ? n : k, b_transposed ? k : n, right_.place(bytes(k, n), anywhere()));
+    dst = header(type, m, n, to_.place(bytes(m, n), anywhere()));
+    // Nobody may look at them.
+    a.step = random_.between(-1000, 1000);
+    b.step = random_.between(-1000, 1000);
+    dst.step = random_.between(-1000, 1000);
+    support::fill(random_, D::kType, elements(dst), count(m, n), Data::kHostile);
+  }
+
+  void fill(Data kind) {
+    support::fill(random_, D::kType, elements(a), count(m_, k_), kind);
+    support::fill(random_, D::kType, elements(b), count(k_, n_), kind);
+  }
+
+  testing::AssertionResult agrees() {
+    support::Twin expected(dst.data, bytes(m_, n_));
+    const support::Unchanged a_kept(a.data, bytes(m_, k_)), b_kept(b.data, bytes(k_, n_));
+    ox_mat_mul(&a, &b, &dst, flags_);
+    reference::mul(plain(a), plain(b), plain(dst, expected.at(dst.data)), flags_);
+    const testing::AssertionResult values = same_values(D::kType, dst.data, expected.data(), count(m_, n_));
+    const testing::AssertionResult beside = to_.intact();
+    if (values && beside && a_kept.check() && b_kept.check()) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << values.message() << beside.message() << a_kept.check().message()
+                                       << b_kept.check().message() << random_ << "m " << m_ << ", n " << n_
+                                       << ", k " << k_ << ", flags " << flags_;
+  }
+
+  testing::AssertionResult agrees(std::int32_t m, std::int32_t n, std::int32_t k, std::uint32_t flags) {
+    lay(m, n, k, flags);
+    fill(support::any_kind(random_));
+    return agrees();
+  }
+
+  static unsigned char* elements(const ox_mat_t& m) { return static_cast<unsigned char*>(m.data); }
+
+  ox_mat_t a, b, dst;
+
+ private:
+  static std::size_t count(std::int32_t rows, std::int32_t cols) {
+    return static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols);
+  }
+  static std::size_t bytes(std::int32_t rows, std::int32_t cols) { return count(rows, cols) * sizeof(T); }
+  Placement anywhere() { return support::any_placement(random_, D::kType); }
+
+  support::Random& random_;
+  support::GuardedPages left_, right_, to_;
+  std::int32_t m_ = 0, n_ = 0, k_ = 0;
+  std::uint32_t flags_ = 0;
+};
+
+template <class D>
+class MatMulOfEveryDepth : public testing::Test {};
+TYPED_TEST_SUITE(MatMulOfEveryDepth, support::EveryDepth, support::DepthName);
+
+TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopForAllSmallShapes) {
+  support::Random random(3101);
+  Product<TypeParam> product(random, 16);
+  for (const std::uint32_t flags : kForms)
+    for (std::int32_t m = 1; m <= 9; ++m)
+      for (std::int32_t n = 1; n <= 9; ++n)
+        for (std::int32_t k = 1; k <= 9; ++k) ASSERT_TRUE(product.agrees(m, n, k, flags));
+}
+
+TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopAroundEveryLaneBoundary) {
+  support::Random random(3102);
+  Product<TypeParam> product(random, 160);
+  for (const std::uint32_t flags : kForms) {
+    for (std::int32_t n = 1; n <= support::last_lane_boundary<TypeParam>(); ++n) {
+      // Each of the three sizes in turn walks over the boundaries.
+      for (int i = 0; i < 1 + support::scaled(8); ++i) {
+        ASSERT_TRUE(product.agrees(random.between(1, 9), n, random.between(1, 9), flags));
+        ASSERT_TRUE(product.agrees(random.between(1, 9), random.between(1, 9), n, flags));
+        ASSERT_TRUE(product.agrees(n, random.between(1, 9), random.between(1, 9), flags));
+      }
+    }
+  }
+}
+
+TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopForLargerShapes) {
+  support::Random random(3103);
+  Product<TypeParam> product(random, 160);
+  for (const std::uint32_t flags : kForms) {
+    for (int i = 0; i < support::scaled(48); ++i)
+      ASSERT_TRUE(product.agrees(random.between(1, 70), random.between(1, 70), random.between(1, 70), flags));
+    for (int i = 0; i < support::scaled(12); ++i)
+      ASSERT_TRUE(
+          product.agrees(random.between(64, 130), random.between(64, 130), random.between(64, 130), flags));
+  }
+}
+
+TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopForLongThinShapes) {
+  support::Random random(3104);
+  Product<TypeParam> product(random, 160);
+  for (const std::uint32_t flags : kForms) {
+    for (int i = 0; i < support::scaled(48); ++i) {
+      ASSERT_TRUE(product.agrees(random.between(1, 5), random.between(1, 5), random.between(200, 1500), flags));
+      ASSERT_TRUE(product.agrees(random.between(1, 5), random.between(200, 1500), random.between(1, 5), flags));
+      ASSERT_TRUE(product.agrees(random.between(200, 1500), random.between(1, 5), random.between(1, 5), flags));
+    }
+  }
+}
+
+TYPED_TEST(MatMulOfEveryDepth, MultipliesAMatrixByItself) {
+  support::Random random(3105);
+  Product<TypeParam> product(random, 40);
+  for (std::int32_t n = 1; n <= 33; ++n) {
+    for (const std::uint32_t flags : kForms) {
+      product.lay(n, n, n, flags);
+      product.fill(support::any_kind(random));
+      product.b = product.a;
+      ASSERT_TRUE(product.agrees());
+    }
+  }
+}
+
+TYPED_TEST(MatMulOfEveryDepth, WritesZerosAndReadsNothingWithoutInnerDimension) {
+  using T = typename TypeParam::Scalar;
+  for (const std::uint32_t flags : kForms) {
+    for (const std::int32_t k : {0, -1, -5}) {
+      for (std::int32_t m = 1; m <= 5; ++m) {
+        for (std::int32_t n = 1; n <= 20; ++n) {
+          const bool a_transposed = flags == OX_MAT_TRANSPOSE_A;
+          const bool b_transposed = flags == OX_MAT_TRANSPOSE_B;
+          const ox_mat_t a = header(TypeParam::kType, a_transposed ? k : m, a_transposed ? m : k, nullptr);
+          const ox_mat_t b = header(TypeParam::kType, b_transposed ? n : k, b_transposed ? k : n, nullptr);
+          std::vector<T> elements(static_cast<std::size_t>(m * n) + 1, T{9});
+          std::vector<T> expected(elements.size(), T{0});
+          expected.back() = T{9};
+          ox_mat_t dst = header(TypeParam::kType, m, n, elements.data());
+          ox_mat_mul(&a, &b, &dst, flags);
+          // As bytes: the zeros of floats are positive.
+          ASSERT_TRUE(same_bytes(elements.data(), expected.data(), elements.size() * sizeof(T)))
+              << m << 'x' << n << 'x' << k << ", flags " << flags;
+        }
+      }
+    }
+  }
+}
+
+TYPED_TEST(MatMulOfEveryDepth, LeavesDstUntouchedWithoutRowsOrColumns) {
+  unsigned char factors[256] = {1, 2, 3};
+  unsigned char target[256];
+  std::memset(target, 9, sizeof target);
+  const support::Unchanged untouched(target, sizeof target);
+  for (const std::uint32_t flags : kForms) {
+    for (const std::int32_t k : {-1, 0, 1, 2}) {
+      const std::int32_t shapes[][2] = {{0, 3}, {3, 0}, {0, 0}, {-1, 3}, {3, -1}, {-2, -2}};
+      for (const auto& shape : shapes) {
+        const std::int32_t m = shape[0], n = shape[1];
+        const bool a_transposed = flags == OX_MAT_TRANSPOSE_A;
+        const bool b_transposed = flags == OX_MAT_TRANSPOSE_B;
+        const ox_mat_t a = header(TypeParam::kType, a_transposed ? k : m, a_transposed ? m : k, factors);
+        const ox_mat_t b = header(TypeParam::kType, b_transposed ? n : k, b_transposed ? k : n, factors);
+        ox_mat_t dst = header(TypeParam::kType, m, n, target);
+        ox_mat_mul(&a, &b, &dst, flags);
+        EXPECT_TRUE(untouched.check()) << m << 'x' << n << 'x' << k << ", flags " << flags;
+      }
+    }
+  }
+}
+
+TYPED_TEST(MatMulOfEveryDepth, ObservesOnlyTheTwoTransposeBits) {
+  support::Random random(3106);
+  Product<TypeParam> product(random, 16);
+  const struct {
+    std::uint32_t given, meant;
+  } flags[] = {{3, 1},           {4, 0},           {8, 0},           {16, 0}, {0xFFFFFFFCu, 0},
+               {0xFFFFFFFDu, 1}, {0xFFFFFFFEu, 2}, {0xFFFFFFFFu, 1}, {18, 2}};
+  for (const auto& flag : flags) {
+    // Different sizes throughout, so that no other form fits.
+    product.lay(3, 4, 5, flag.meant);
+    product.fill(Data::kTame);
+    support::Twin expected(product.dst.data, 12 * sizeof(typename TypeParam::Scalar));
+    reference::mul(plain(product.a), plain(product.b), plain(product.dst, expected.at(product.dst.data)),
+                   flag.meant);
+    ox_mat_mul(&product.a, &product.b, &product.dst, flag.given);
+    EXPECT_TRUE(same_values(TypeParam::kType, product.dst.data, expected.data(), 12)) << "flags " << flag.given;
+  }
+}
+
+// ------------------------------------------------------------------------------------------- refusals
+
+// A product that would be carried out if its headers were left as they are.
+class MatMulRefusal : public testing::Test {
+ protected:
+  void refused(const ox_mat_t& a, const ox_mat_t& b, const ox_mat_t& dst, std::uint32_t flags, const char* why) {
+    std::memset(target_, 9, sizeof target_);
+    ox_mat_t destination = dst;
+    ox_mat_mul(&a, &b, &destination, flags);
+    unsigned char nines[sizeof target_];
+    std::memset(nines, 9, sizeof nines);
+    EXPECT_TRUE(same_bytes(target_, nines, sizeof nines)) << why << ", flags " << flags;
+  }
+
+  void accepted(const ox_mat_t& a, const ox_mat_t& b, const ox_mat_t& dst, std::uint32_t flags) {
+    std::memset(target_, 9, sizeof target_);
+    ox_mat_t destination = dst;
+    ox_mat_mul(&a, &b, &destination, flags);
+    EXPECT_NE(target_[0], 9) << "flags " << flags;
+  }
+
+  alignas(8) unsigned char left_[1024] = {};
+  alignas(8) unsigned char right_[1024] = {};
+  alignas(8) unsigned char target_[1024] = {};
+};
+
+TEST_F(MatMulRefusal, OfEveryShapeThatDoesNotFit) {
+  for (const std::uint32_t flags : kForms) {
+    const bool a_transposed = flags == OX_MAT_TRANSPOSE_A;
+    const bool b_transposed = flags == OX_MAT_TRANSPOSE_B;
+    const ox_mat_t a = header(OX_F32, a_transposed ? 4 : 2, a_transposed ? 2 : 4, left_);
+    const ox_mat_t b = header(OX_F32, b_transposed ? 3 : 4, b_transposed ? 4 : 3, right_);
+    const ox_mat_t dst = header(OX_F32, 2, 3, target_);
+    accepted(a, b, dst, flags);
+    for (const int by : {-1, 1}) {
+      ox_mat_t other = a;
+      other.rows += by;
+      refused(other, b, dst, flags, "a has other rows");
+      other = a;
+      other.cols += by;
+      refused(other, b, dst, flags, "a has other cols");
+      other = b;
+      other.rows += by;
+      refused(a, other, dst, flags, "b has other rows");
+      other = b;
+      other.cols += by;
+      refused(a, other, dst, flags, "b has other cols");
+      other = dst;
+      other.rows += by;
+      refused(a, b, other, flags, "dst has other rows");
+      other = dst;
+      other.cols += by;
+      refused(a, b, other, flags, "dst has other cols");
+    }
+    refused(a, b, header(OX_F32, 3, 2, target_), flags, "dst is mirrored");
+  }
+}
+
+TEST_F(MatMulRefusal, OfTwoRowsByTwoRowsUnlessOneIsTransposed) {
+  const ox_mat_t a = header(OX_F32, 2, 3, left_);
+  const ox_mat_t b = header(OX_F32, 2, 3, right_);
+  refused(a, b, header(OX_F32, 2, 3, target_), 0, "2x3 by 2x3");
+  refused(a, b, header(OX_F32, 2, 2, target_), 0, "2x3 by 2x3");
+  refused(a, b, header(OX_F32, 3, 3, target_), 0, "2x3 by 2x3");
+  accepted(a, b, header(OX_F32, 2, 2, target_), OX_MAT_TRANSPOSE_B);
+  accepted(a, b, header(OX_F32, 3, 3, target_), OX_MAT_TRANSPOSE_A);
+}
+
+TEST_F(MatMulRefusal, OfOperandsWhoseTypeWordsDifferInHighBits) {
+  for (std::uint32_t bit = 8; bit < 32; ++bit) {
+    const std::uint32_t other = OX_F32 | (1u << bit);
+    const ox_mat_t a = header(OX_F32, 2, 2, left_), b = header(OX_F32, 2, 2, right_),
+                   dst = header(OX_F32, 2, 2, target_);
+    const ox_mat_t a2 = header(other, 2, 2, left_), b2 = header(other, 2, 2, right_),
+                   dst2 = header(other, 2, 2, target_);
+    refused(a2, b, dst, 0, "a differs");
+    refused(a, b2, dst, 0, "b differs");
+    refused(a, b, dst2, 0, "dst differs");
+    refused(a2, b2, dst, 0, "dst differs from both");
+    accepted(a2, b2, dst2, 0);
+  }
+}
+
+TEST_F(MatMulRefusal, OfDifferentDepths) {
+  for (std::uint32_t depth = 0; depth < 8; ++depth) {
+    for (std::uint32_t other = 0; other < 8; ++other) {
+      if (other == depth) continue;
+      const ox_mat_t a = header(depth, 2, 2, left_), b = header(depth, 2, 2, right_),
+                     dst = header(depth, 2, 2, target_);
+      refused(header(other, 2, 2, left_), b, dst, 0, "a differs");
+      refused(a, header(other, 2, 2, right_), dst, 0, "b differs");
+      refused(a, b, header(other, 2, 2, target_), 0, "dst differs");
+    }
+  }
+}
+
+TEST_F(MatMulRefusal, OfSeveralChannels) {
+  for (const int channels : {2, 3, 17, 32}) {
+    const std::uint32_t several = OX_TYPE(OX_F32, channels);
+    const ox_mat_t a = header(OX_F32, 2, 2, left_), b = header(OX_F32, 2, 2, right_),
+                   dst = header(OX_F32, 2, 2, target_);
+    const ox_mat_t a2 = header(several, 2, 2, left_), b2 = header(several, 2, 2, right_),
+                   dst2 = header(several, 2, 2, target_);
+    for (const std::uint32_t flags : kForms) {
+      refused(a2, b2, dst2, flags, "all have several channels");
+      refused(a2, b, dst, flags, "a has several channels");
+      refused(a, b2, dst, flags, "b has several channels");
+      refused(a, b, dst2, flags, "dst has several channels");
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------- by name
+
+template <class T>
+std::vector<T> product_of(std::uint32_t type, std::int32_t m, std::int32_t n, std::int32_t k, std::vector<T> left,
+                          std::vector<T> right, std::uint32_t flags = 0) {
+  const bool a_transposed = flags == OX_MAT_TRANSPOSE_A;
+  const bool b_transposed = flags == OX_MAT_TRANSPOSE_B;
+  const Filled<T> a(type, a_transposed ? k : m, a_transposed ? m : k, std::move(left));
+  const Filled<T> b(type, b_transposed ? n : k, b_transposed ? k : n, std::move(right));
+  Filled<T> dst(type, m, n, std::vector<T>(static_cast<std::size_t>(m * n), T{99}));
+  ox_mat_mul(&a.m, &b.m, &dst.m, flags);
+  return dst.values;
+}
+
+TEST(MatMul, MultipliesInAllThreeForms) {
+  const std::vector<float> a = {1, 2, 3, 4, 5, 6};       // 2 x 3
+  const std::vector<float> a_t = {1, 4, 2, 5, 3, 6};     // 3 x 2
+  const std::vector<float> b = {7, 8, 9, 10, 11, 12};    // 3 x 2
+  const std::vector<float> b_t = {7, 9, 11, 8, 10, 12};  // 2 x 3
+  const std::vector<float> expected = {58, 64, 139, 154};
+  EXPECT_EQ(product_of<float>(OX_F32, 2, 2, 3, a, b), expected);
+  EXPECT_EQ(product_of<float>(OX_F32, 2, 2, 3, a_t, b, OX_MAT_TRANSPOSE_A), expected);
+  EXPECT_EQ(product_of<float>(OX_F32, 2, 2, 3, a, b_t, OX_MAT_TRANSPOSE_B), expected);
+}
+
+TEST(MatMul, GivesOneScalarForRowTimesColumnAndAnOuterProductForColumnTimesRow) {
+  EXPECT_EQ(product_of<std::int32_t>(OX_S32, 1, 1, 4, {1, 2, 3, 4}, {5, 6, 7, 8}),
+            (std::vector<std::int32_t>{70}));
+  EXPECT_EQ(product_of<std::int32_t>(OX_S32, 3, 2, 1, {1, 2, 3}, {10, 20}),
+            (std::vector<std::int32_t>{10, 20, 20, 40, 30, 60}));
+}
+
+TEST(MatMul, WrapsProductsAndSums) {
+  EXPECT_EQ(product_of<std::uint8_t>(OX_U8, 1, 1, 1, {200}, {2})[0], 144);
+  EXPECT_EQ(product_of<std::int8_t>(OX_S8, 1, 1, 1, {100}, {2})[0], -56);
+  EXPECT_EQ(product_of<std::int16_t>(OX_S16, 1, 1, 1, {300}, {300})[0], 24464);
+  EXPECT_EQ(product_of<std::int32_t>(OX_S32, 1, 1, 1, {65536}, {65536})[0], 0);
+  EXPECT_EQ(product_of<std::uint8_t>(OX_U8, 1, 1, 2, {128, 128}, {1, 1})[0], 0);
+  // 65535 * 65535 does not fit an int.
+  EXPECT_EQ(product_of<std::uint16_t>(OX_U16, 1, 1, 3, {65535, 65535, 65535}, {65535, 65535, 65535})[0], 3);
+  const std::int64_t min64 = std::numeric_limits<std::int64_t>::min();
+  EXPECT_EQ(product_of<std::int64_t>(OX_S64, 1, 1, 2, {min64, min64}, {-1, 1})[0], 0);
+  EXPECT_EQ(product_of<std::int64_t>(OX_S64, 1, 1, 1, {4294967297}, {4294967298})[0], 12884901890);
+}
+
+TEST(MatMul, RoundsInSinglePrecision) {
+  EXPECT_EQ(product_of<float>(OX_F32, 1, 1, 1, {4097}, {4097})[0], 16785408.0f);
+}
+
+TEST(MatMul, RoundsEachProductBeforeItIsAdded) {
+  // 4097 * 4097 = 16785409 is rounded to 16785408; fused with the sum it would leave 1.
+  for (const std::uint32_t flags : kForms)
+    EXPECT_EQ(product_of<float>(OX_F32, 1, 1, 2, {-16785408, 4097}, {1, 4097}, flags)[0], 0.0f) << flags;
+  // The same for doubles: (2^27 + 1)^2 = 2^54 + 2^28 + 1.
+  for (const std::uint32_t flags : kForms)
+    EXPECT_EQ(product_of<double>(OX_F64, 1, 1, 2, {-18014398777917440.0, 134217729.0}, {1, 134217729.0}, flags)[0],
+              0.0)
+        << flags;
+}
+
+TEST(MatMul, AddsStrictlyInRisingOrder) {
+  // Each 1 is lost beside 2^24; in pairs they would count.
+  std::vector<float> ones(40, 1.0f), terms(40, 1.0f);
+  terms[0] = 16777216.0f;
+  for (const std::uint32_t flags : kForms)
+    EXPECT_EQ(product_of<float>(OX_F32, 1, 1, 40, terms, ones, flags)[0], 16777216.0f) << flags;
+  // And from the other end they do count before the large term comes.
+  std::swap(terms.front(), terms.back());
+  for (const std::uint32_t flags : kForms)
+    EXPECT_EQ(product_of<float>(OX_F32, 1, 1, 40, terms, ones, flags)[0], 16777256.0f) << flags;
+}
+
+TEST(MatMul, StoresTheFirstProductWithItsSign) {
+  for (const std::uint32_t flags : kForms) {
+    const std::vector<float> dst = product_of<float>(OX_F32, 1, 1, 1, {-1}, {0}, flags);
+    EXPECT_TRUE(std::signbit(dst[0])) << flags;
+    const std::vector<double> sum = product_of<double>(OX_F64, 1, 1, 2, {-1, -1}, {0, 0}, flags);
+    EXPECT_TRUE(std::signbit(sum[0])) << flags;
+  }
+}
+
+TEST(MatMul, GivesASymmetricResultForAMatrixTimesItsTranspose) {
+  support::Random random(3107);
+  for (std::int32_t n = 1; n <= 20; ++n) {
+    const std::int32_t k = random.between(1, 20);
+    std::vector<float> values(static_cast<std::size_t>(n * k));
+    support::fill(random, OX_F32, values.data(), values.size(), Data::kTame);
+    const Filled<float> a(OX_F32, n, k, values);
+    const auto side = static_cast<std::size_t>(n);
+    Filled<float> dst(OX_F32, n, n, std::vector<float>(side * side, 9));
+    ox_mat_mul(&a.m, &a.m, &dst.m, OX_MAT_TRANSPOSE_B);
+    for (std::size_t r = 0; r < side; ++r)
+      for (std::size_t c = 0; c < r; ++c)
+        EXPECT_EQ(dst.values[r * side + c], dst.values[c * side + r]) << r << ',' << c;
+  }
+}
+
+TEST(MatMul, AppliesNoShortcutForTheIdentity) {
+  // -0 * 1 + 1 * 0 is +0, and an infinity times the zeros of the identity gives NaNs beside it.
+  const float infinity = std::numeric_limits<float>::infinity();
+  const std::vector<float> dst = product_of<float>(OX_F32, 2, 2, 2, {-0.0f, 1, infinity, 2}, {1, 0, 0, 1});
+  EXPECT_EQ(dst[0], 0.0f);
+  EXPECT_FALSE(std::signbit(dst[0]));
+  EXPECT_EQ(dst[1], 1.0f);
+  EXPECT_EQ(dst[2], infinity);
+  EXPECT_TRUE(std::isnan(dst[3]));
+}
+
+TEST(MatMul, TakesRowsAsPackedWhateverTheSteps) {
+  Filled<float> a(OX_F32, 2, 2, {1, 2, 3, 4, 50, 60});
+  Filled<float> b(OX_F32, 2, 2, {5, 6, 7, 8, 50, 60});
+  Filled<float> dst(OX_F32, 2, 2, {9, 9, 9, 9, 9, 9});
+  a.m.step = 12;
+  b.m.step = 12;
+  dst.m.step = 12;
+  ox_mat_mul(&a.m, &b.m, &dst.m, 0);
+  EXPECT_EQ(dst.values, (std::vector<float>{19, 22, 43, 50, 9, 9}));
+}
+
+// --------------------------------------------------------------------------- floats at their limits
+
+template <class D>
+class MatMulOfFloats : public testing::Test {};
+TYPED_TEST_SUITE(MatMulOfFloats, support::FloatDepths, support::DepthName);
+
+TYPED_TEST(MatMulOfFloats, HonoursSubnormalTermsSumsAndFactors) {
+  using T = typename TypeParam::Scalar;
+  support::Random random(3108);
+  Product<TypeParam> product(random, 32);
+  for (const std::int32_t target : support::critical_exponents<T>()) {
+    for (const std::uint32_t flags : kForms) {
+      for (int i = 0; i < 1 + support::scaled(120); ++i) {
+        const std::int32_t m = random.between(1, 9), n = random.between(1, 24), k = random.between(1, 12);
+        product.lay(m, n, k, flags);
+        support::fill_factors_about<T>(random, TypeParam::kType, product.elements(product.a),
+                                       product.elements(product.b), m, n, k, flags, target);
+        ASSERT_TRUE(product.agrees()) << "terms about 2^" << target;
+      }
+    }
+  }
+}
+
+}  // namespace
