@@ -18,14 +18,6 @@ namespace ox {
   X(OX_U8, uint8_t) X(OX_S8, uint8_t) X(OX_U16, uint16_t) X(OX_S16, uint16_t) \
   X(OX_S32, uint32_t) X(OX_F32, float) X(OX_S64, uint64_t) X(OX_F64, double)
 
-// One depth of each type, to find it in a table by.
-template <class T> constexpr uint32_t kDepthOf = OX_U8;
-template <> constexpr uint32_t kDepthOf<uint16_t> = OX_U16;
-template <> constexpr uint32_t kDepthOf<uint32_t> = OX_S32;
-template <> constexpr uint32_t kDepthOf<uint64_t> = OX_S64;
-template <> constexpr uint32_t kDepthOf<float> = OX_F32;
-template <> constexpr uint32_t kDepthOf<double> = OX_F64;
-
 // A scalar inside a matrix. Callers store int32_t, float, int64_t ... there, so the access may alias them all;
 // an 8-byte scalar behind the 20-byte header of a 32-bit build is aligned to 4 only.
 template <class T>

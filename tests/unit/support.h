@@ -34,7 +34,7 @@ constexpr bool kLight = true;
 #else
 constexpr bool kLight = false;
 #endif
-constexpr int scaled(int repetitions) { return kLight ? (repetitions + 15) / 16 : repetitions; }
+constexpr int scaled(int repetitions) { return kLight ? (repetitions + 5) / 6 : repetitions; }
 
 // The widest vectors that any lane implementation may use.
 constexpr std::size_t kWidestVectorBytes = 64;
