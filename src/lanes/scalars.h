@@ -18,6 +18,14 @@ namespace ox {
   X(OX_U8, uint8_t) X(OX_S8, uint8_t) X(OX_U16, uint16_t) X(OX_S16, uint16_t) \
   X(OX_S32, uint32_t) X(OX_F32, float) X(OX_S64, uint64_t) X(OX_F64, double)
 
+// One depth of each type, to find it in a table by.
+template <class T> inline constexpr uint32_t kDepthOf = OX_U8;
+template <> inline constexpr uint32_t kDepthOf<uint16_t> = OX_U16;
+template <> inline constexpr uint32_t kDepthOf<uint32_t> = OX_S32;
+template <> inline constexpr uint32_t kDepthOf<uint64_t> = OX_S64;
+template <> inline constexpr uint32_t kDepthOf<float> = OX_F32;
+template <> inline constexpr uint32_t kDepthOf<double> = OX_F64;
+
 // A scalar inside a matrix. Callers store int32_t, float, int64_t ... there, so the access may alias them all;
 // an 8-byte scalar behind the 20-byte header of a 32-bit build is aligned to 4 only.
 template <class T>
@@ -25,11 +33,18 @@ struct __attribute__((packed, may_alias, aligned(sizeof(T) < 4 ? sizeof(T) : 4))
   T value;
 };
 
+template <class T> OX_INLINE const Stored<T>* in(const void* p) { return static_cast<const Stored<T>*>(p); }
+template <class T> OX_INLINE Stored<T>* out(void* p) { return static_cast<Stored<T>*>(p); }
+
 // Arithmetic of one scalar. Narrow unsigned types would be promoted to int, where 65535 * 65535 overflows.
 template <class T> struct Wide { using type = unsigned; };
 template <> struct Wide<uint64_t> { using type = uint64_t; };
 template <> struct Wide<float> { using type = float; };
 template <> struct Wide<double> { using type = double; };
+
+template <class T> constexpr bool kIsFloat = static_cast<T>(0.5) != 0;
+// The sign of a scalar, in the unsigned type of its size.
+template <class Bits> constexpr Bits kSignBit = static_cast<Bits>(Bits{1} << (8 * sizeof(Bits) - 1));
 
 template <class T> OX_INLINE T add(T a, T b) {
   using W = typename Wide<T>::type;

@@ -2,16 +2,11 @@
 // Fills: zero, one, identity, diagonal.
 #include <cstring>
 
+#include "kernels/kernels.h"
 #include "matrix/layout.h"
 
 namespace ox {
 namespace {
-
-template <class T> void fill_ones(const ox_mat_t& m) {
-  Stored<T>* const p = scalars<T>(m);
-  const std::ptrdiff_t count = scalar_count(m);
-  for (std::ptrdiff_t i = 0; i < count; ++i) p[i].value = 1;
-}
 
 // Writes value(i) at (i, i) and zero elsewhere, in one walk over packed elements. The first diagonal value
 // is written before any size is looked at, and a grid without rows receives cols zeros: wanted, and said in
@@ -40,24 +35,36 @@ template <class T, class Value> void fill_diagonal(const ox_mat_t& m, Value valu
 void ox_mat_setzero(ox_mat_t* m) {
   // One negative factor would make a length near 4 GiB.
   if ((m->rows < 0) != (m->step < 0)) return;
-  std::memset(m->data, 0, static_cast<uint32_t>(m->rows) * static_cast<uint32_t>(m->step));
+  const uint32_t bytes = static_cast<uint32_t>(m->rows) * static_cast<uint32_t>(m->step);
+  if (bytes > 0) std::memset(m->data, 0, bytes);
 }
 
 void ox_mat_setone(ox_mat_t* m) {
-  ox::with_depth(m->type, [&](auto zero) { ox::fill_ones<decltype(zero)>(*m); });
+  ox::kernels().fill_ones[m->type & 7u](ox::scalar_count(*m), m->data);
 }
 
 void ox_mat_setidentity(ox_mat_t* m) {
   ox::with_depth(m->type, [&](auto zero) {
     using T = decltype(zero);
-    ox::fill_diagonal<T>(*m, [](int64_t) { return T{1}; });
+    if (m->rows < 1 || m->cols < 1 || ox::channels(m->type) > 1)
+      return ox::fill_diagonal<T>(*m, [](int64_t) { return T{1}; });
+    // The same for packed scalars, all zeros at once.
+    const auto rows = static_cast<std::size_t>(m->rows), cols = static_cast<std::size_t>(m->cols);
+    std::memset(m->data, 0, rows * cols * sizeof(T));
+    for (std::size_t i = 0; i < rows && i < cols; ++i) ox::scalars<T>(*m)[i * (cols + 1)].value = 1;
   });
 }
 
 void ox_mat_setdiagonal(const void* values, ox_mat_t* m) {
-  ox::with_depth(m->type, [&](auto zero) {
-    using T = decltype(zero);
-    const auto* v = static_cast<const ox::Stored<T>*>(values);
-    ox::fill_diagonal<T>(*m, [v](int64_t i) { return v[i].value; });
-  });
+  // As unsigned integers of the scalar's size: a NaN in a floating register could lose its bits.
+  const auto fill = [&](auto zero) {
+    const auto* v = ox::in<decltype(zero)>(values);
+    ox::fill_diagonal<decltype(zero)>(*m, [v](int64_t i) { return v[i].value; });
+  };
+  switch (ox::scalar_size_log2(m->type)) {
+    case 0: return fill(uint8_t{});
+    case 1: return fill(uint16_t{});
+    case 2: return fill(uint32_t{});
+    case 3: return fill(uint64_t{});
+  }
 }

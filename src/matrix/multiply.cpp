@@ -11,9 +11,5 @@ void ox_mat_mul(const ox_mat_t* a, const ox_mat_t* b, ox_mat_t* dst, uint32_t fl
   const int32_t k = a_transposed ? a->rows : a->cols;
   const int32_t n = b_transposed ? b->rows : b->cols;
   if ((b_transposed ? b->cols : b->rows) != k || dst->rows != m || dst->cols != n) return;
-  ox::with_depth(a->type, [&](auto zero) {
-    using T = decltype(zero);
-    ox::product<ox::Product, T>({m, n, k}, ox::factor<T>(*a, a_transposed), ox::factor<T>(*b, b_transposed), nullptr,
-                                ox::scalars<T>(*dst));
-  });
+  ox::product(*a, a_transposed, *b, b_transposed, nullptr, *dst, {m, n, k}, false);
 }

@@ -9,11 +9,7 @@ void ox_mat_muladd(const ox_mat_t* a, const ox_mat_t* b, const ox_mat_t* c, ox_m
   const int32_t n = b_transposed ? b->rows : b->cols;
   if (a->cols != (b_transposed ? b->cols : b->rows)) return;
   if (c->rows != a->rows || c->cols != n || dst->rows != a->rows || dst->cols != n) return;
-  ox::with_depth(a->type, [&](auto zero) {
-    using T = decltype(zero);
-    ox::product<ox::ProductPlus, T>({a->rows, n, a->cols}, ox::plain<T>(*a), ox::factor<T>(*b, b_transposed),
-                                    ox::scalars<T>(*c), ox::scalars<T>(*dst));
-  });
+  ox::product(*a, false, *b, b_transposed, c, *dst, {a->rows, n, a->cols}, false);
 }
 
 void ox_mat_submul(const ox_mat_t* c, const ox_mat_t* a, const ox_mat_t* b, ox_mat_t* dst, uint32_t flags) {
@@ -27,9 +23,5 @@ void ox_mat_submul(const ox_mat_t* c, const ox_mat_t* a, const ox_mat_t* b, ox_m
   } else if (c->rows != a->rows || c->cols != b->cols) {
     return;
   }
-  ox::with_depth(a->type, [&](auto zero) {
-    using T = decltype(zero);
-    ox::product<ox::MinusProduct, T>({a->rows, b->cols, a->cols}, ox::plain<T>(*a), ox::plain<T>(*b),
-                                     ox::scalars<T>(*c), ox::scalars<T>(*dst));
-  });
+  ox::product(*a, false, *b, false, c, *dst, {a->rows, b->cols, a->cols}, true);
 }

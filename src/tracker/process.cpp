@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kernels/kernels.h"
 #include "lanes/rounding.h"
 #include "tracker/ring.h"
 
@@ -83,22 +84,28 @@ float overlap(const ox_track_t& t, const ox_tracker_detection_t& d) {
   return intersection / ((d.w * d.h + t.pred_w * t.pred_h) - intersection);
 }
 
-// The nearest track that may take detection i, or null: written to det_match and det_dist2.
-void find_nearest(ox_tracker_t& tracker, int32_t i) {
-  const ox_tracker_detection_t& d = tracker.detections[i];
-  ox_track_t* best = nullptr;
-  float best_dist2 = kGateDist2;
-  for_each_track(tracker, [&](ox_track_t& t) {
-    if (t.label != d.label && !tracker.any_label) return;
-    const float dx = t.pred_cx - d.cx, dy = t.pred_cy - d.cy;
-    const float dist2 = dx * dx + dy * dy;
-    if (dist2 < best_dist2) {  // strict: on a tie the older track keeps its place
-      best = &t;
-      best_dist2 = dist2;
-    }
-  });
-  tracker.det_match[i] = best;
-  tracker.det_dist2[i] = best_dist2;
+// The nearest track that may take each detection, or null: written to det_match and det_dist2. Tracks are gathered into
+// blocks, as a list cannot be read by vectors; the blocks come in list order, so on a tie the older track keeps its place.
+void find_nearest(ox_tracker_t& tracker) {
+  constexpr int kBlock = 256;
+  float cx[kBlock], cy[kBlock];
+  int32_t labels[kBlock];
+  ox_track_t* tracks[kBlock];
+  NearestArgs p{0, cx, cy, labels, tracks, tracker.detections, tracker.det_count, tracker.any_label != 0,
+                tracker.det_dist2, tracker.det_match};
+  for (int32_t i = 0; i < tracker.det_count; ++i) {
+    tracker.det_match[i] = nullptr;
+    tracker.det_dist2[i] = kGateDist2;
+  }
+  for (ox_track_t* t = tracker.next; t != ring_end(tracker); t = t->next) {
+    cx[p.count] = t->pred_cx;
+    cy[p.count] = t->pred_cy;
+    labels[p.count] = p.any_label ? 0 : t->label;
+    tracks[p.count] = t;
+    if (++p.count < kBlock && t->next != ring_end(tracker)) continue;
+    kernels().nearest(p);
+    p.count = 0;
+  }
 }
 
 void refuse(ox_tracker_t& tracker, int32_t i) {
@@ -190,19 +197,17 @@ void take_detection(ox_tracker_t& tracker, ox_track_t& t) {
   t.score = d.score;
   t.misses = 0;
   t.hits = increment(t.hits);
-  // confirm_hits may have changed since: whether there is a filter is told by the identity, not by the count.
   if (t.hits < tracker.confirm_hits) return;
-  if (t.id < 0)
-    confirm(tracker, t);
-  else
+  // confirm_hits may have changed since: the count does not tell whether there is a filter yet.
+  if (t.kf)
     correct(t);
+  else
+    confirm(tracker, t);
 }
 
 void remove(ox_tracker_t& tracker, ox_track_t& t) {
-  if (t.id >= 0) {
-    ox_kalman_release(t.kf);
-    ox_mat_release(t.meas);
-  }
+  ox_kalman_release(t.kf);  // null while tentative
+  ox_mat_release(t.meas);
   unlink(tracker, &t);
   std::free(&t);
 }
@@ -239,10 +244,8 @@ void ox_tracker_process(ox_tracker_t* tracker, const float* boxes, float* result
   using namespace ox;
   read_detections(*tracker, boxes);
   for_each_track(*tracker, [](ox_track_t& t) { predict(t); });
-  for (int32_t i = 0; i < tracker->det_count; ++i) {
-    find_nearest(*tracker, i);
-    settle(*tracker, i);
-  }
+  if (tracker->det_count > 0) find_nearest(*tracker);
+  for (int32_t i = 0; i < tracker->det_count; ++i) settle(*tracker, i);
   give_birth(*tracker);
   for_each_track(*tracker, [&](ox_track_t& t) { t.det_index >= 0 ? take_detection(*tracker, t) : miss(*tracker, t); });
   if (results) report(*tracker, results);

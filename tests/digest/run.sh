@@ -25,6 +25,9 @@ for level in -O0 -O2 "-O3 -flto"; do
   cmake --build "$tree" --target digest -- --quiet
   got=$("$@" "$tree/tests/digest/digest")
   echo "$target $compiler $level: $got"
+  if [ "$target" = armv7 ] && [ "$level" = -O2 ]; then
+    find "$tree/src" -name '*.o' -exec "$source/tests/abi/neon_floats.sh" arm-linux-gnueabihf-objdump {} + || status=1
+  fi
   [ "$got" = "$expected" ] || { echo "expected $expected"; status=1; }
 done
 exit $status

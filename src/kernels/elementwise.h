@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+// The one loop of the element-wise routines and of the fill with ones.
+#pragma once
+
+#include "kernels/kernels.h"
+#include "kernels/transpose.h"
+#include "lanes/flush.h"
+
+namespace ox {
+namespace {
+
+struct Add {
+  template <class L> OX_INLINE typename L::Vec apply(typename L::Vec a, typename L::Vec b) const { return L::add(a, b); }
+};
+struct Sub {
+  template <class L> OX_INLINE typename L::Vec apply(typename L::Vec a, typename L::Vec b) const { return L::sub(a, b); }
+};
+template <class T> struct Scale {
+  T factor;
+  template <class L> OX_INLINE typename L::Vec apply(typename L::Vec v) const { return L::mul(L::splat(factor), v); }
+};
+// On the bits of a float: adding the sign bit flips it, what is carried out is lost. NaNs keep their payload.
+template <class T> struct FlipSign {
+  template <class L> OX_INLINE typename L::Vec apply(typename L::Vec v) const {
+    return L::add(v, L::splat(kSignBit<T>));
+  }
+};
+template <class T> struct Negate {
+  template <class L> OX_INLINE typename L::Vec apply(typename L::Vec v) const { return L::sub(L::splat(T{0}), v); }
+};
+template <class T> struct One {
+  template <class L> OX_INLINE typename L::Vec apply() const { return L::splat(T{1}); }
+};
+
+constexpr int kUnrolled = 4;  // vectors a step, all loaded before the first is stored
+
+// Whether steps of so many bytes give what the plain loop gives. In place they do, as a step loads before it stores. A
+// destination below its source is written behind what is still to be read; above it, by less than a step, it is not.
+OX_INLINE bool steps_allowed(const void* dst, const void* src, std::size_t step_bytes) {
+  const auto above = reinterpret_cast<uintptr_t>(dst) - reinterpret_cast<uintptr_t>(src);
+  return above == 0 || above >= step_bytes;
+}
+
+template <class L, int kVectors, class T, class Op, class... Sources>
+OX_INLINE void step(Stored<T>* dst, const Op& op, Watch<L>& watch, const Sources*... src) {
+  typename L::Vec v[kVectors];
+#pragma GCC unroll 4
+  for (int i = 0; i < kVectors; ++i) v[i] = op.template apply<L>(L::load(src + i * L::kCount)...);
+#pragma GCC unroll 4
+  for (int i = 0; i < kVectors; ++i) watch.await(v[i]);
+  if (watch.tripped()) {
+    for (std::ptrdiff_t i = 0; i < kVectors * L::kCount; ++i)
+      dst[i].value = op.template apply<OneLane<T>>(src[i].value...);
+    return watch.clear();
+  }
+#pragma GCC unroll 4
+  for (int i = 0; i < kVectors; ++i) L::store(dst + i * L::kCount, v[i]);
+}
+
+// dst[i] = op(src[i]...), with the result of the plain loop in rising order whatever overlaps.
+template <class T, class Op, class... Sources>
+void each_scalar(std::ptrdiff_t count, Stored<T>* dst, Op op, const Sources*... src) {
+  using L = NativeLanes<T>;
+  constexpr std::ptrdiff_t kStep = kUnrolled * L::kCount;
+  std::ptrdiff_t i = 0;
+  if (L::kCount > 1 && (... && steps_allowed(dst, src, kStep * sizeof(T)))) {
+    Watch<L> watch;
+    for (; i + kStep <= count; i += kStep) step<L, kUnrolled>(dst + i, op, watch, (src + i)...);
+    for (; i + L::kCount <= count; i += L::kCount) step<L, 1>(dst + i, op, watch, (src + i)...);
+    if constexpr (L::kMasked) {
+      if (i < count) {
+        const auto rest = L::mask(count - i);
+        L::store(dst + i, op.template apply<L>(L::load(src + i, rest)...), rest);
+      }
+      return;
+    }
+  }
+  for (; i < count; ++i) dst[i].value = op.template apply<OneLane<T>>(src[i].value...);
+}
+
+template <class T> void add_each(std::ptrdiff_t count, const void* a, const void* b, void* dst) {
+  each_scalar(count, out<T>(dst), Add{}, in<T>(a), in<T>(b));
+}
+template <class T> void sub_each(std::ptrdiff_t count, const void* a, const void* b, void* dst) {
+  each_scalar(count, out<T>(dst), Sub{}, in<T>(a), in<T>(b));
+}
+// The factor is read once, before anything is stored: it may stand inside dst.
+template <class T> void scale_each(std::ptrdiff_t count, const void* factor, const void* src, void* dst) {
+  each_scalar(count, out<T>(dst), Scale<T>{in<T>(factor)->value}, in<T>(src));
+}
+template <class T> void negate_each(std::ptrdiff_t count, const void* src, void* dst) {
+  using Bits = typename BitsOfSize<sizeof(T)>::type;
+  if constexpr (kIsFloat<T>)
+    each_scalar(count, out<Bits>(dst), FlipSign<Bits>{}, in<Bits>(src));
+  else
+    each_scalar(count, out<T>(dst), Negate<T>{}, in<T>(src));
+}
+template <class T> void fill_ones(std::ptrdiff_t count, void* dst) { each_scalar(count, out<T>(dst), One<T>{}); }
+
+}  // namespace
+}  // namespace ox

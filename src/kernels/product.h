@@ -1,0 +1,295 @@
+// SPDX-License-Identifier: MIT
+// The one kernel of the three products, for all scalar types and all widths.
+//
+// Lanes run across the columns of the result and k is innermost, with a tile of several rows and vectors of running
+// sums in registers. So each element is summed in rising k, exactly as the plain loop does it, and blocking changes no
+// bit: a running sum that is stored and loaded again is the same number.
+#pragma once
+
+#include "kernels/kernels.h"
+#include "kernels/transpose.h"
+#include "lanes/flush.h"
+
+namespace ox {
+namespace {
+
+template <class T> struct Factors {
+  const Stored<T>* a;
+  std::ptrdiff_t a_row, a_col;
+  const Stored<T>* b;
+  std::ptrdiff_t b_row;  // rows of b, or of a panel of it, are contiguous here
+};
+
+// Where the last vector of a tile stands: moved left to end with the row, or masked.
+template <class L> struct Tail {
+  std::ptrdiff_t offset;
+  typename L::Mask mask;
+};
+
+// Sums start from the addend, or from -0: -0 + x is x, the sign of a zero included, so the first product is as if stored.
+template <class T> constexpr T kNoAddend = static_cast<T>(-0.0);
+
+// The tile as the scalar unit computes it, where the vector unit has flushed a subnormal.
+template <class T>
+__attribute__((noinline)) void plain_tile(const Factors<T>& f, std::ptrdiff_t rows, std::ptrdiff_t cols,
+                                          std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst,
+                                          std::ptrdiff_t pitch) {
+  for (std::ptrdiff_t i = 0; i < rows; ++i)
+    for (std::ptrdiff_t j = 0; j < cols; ++j) {
+      T sum = c ? c[i * pitch + j].value : kNoAddend<T>;
+      for (std::ptrdiff_t k = 0; k < terms; ++k) {
+        const T term = ox::mul(f.a[i * f.a_row + k * f.a_col].value, f.b[k * f.b_row + j].value);
+        sum = ox::add(sum, term);
+      }
+      dst[i * pitch + j].value = sum;
+    }
+}
+
+// One row of b, kVectors vectors of it.
+template <class L, int kVectors, class T>
+OX_INLINE void load_row(typename L::Vec (&row)[kVectors], const Stored<T>* b, const Tail<L>& tail) {
+#pragma GCC unroll 4
+  for (int v = 0; v + 1 < kVectors; ++v) row[v] = L::load(b + v * L::kCount);
+  row[kVectors - 1] = L::load(b + tail.offset, tail.mask);
+}
+
+// Adds a(r, k) * row for one k, where a holds the factors of four successive k for each row of the tile.
+template <class L, int kLane, int kRows, int kVectors>
+OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename L::Vec (&a)[kRows],
+                        const typename L::Vec (&row)[kVectors]) {
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r)
+#pragma GCC unroll 4
+    for (int v = 0; v < kVectors; ++v) sums[r][v] = L::template mul_add_lane<kLane>(sums[r][v], a[r], row[v]);
+}
+
+// kRows x kVectors vectors of the result. All are loaded before the first is stored, so dst may be c even where the
+// last vector overlaps the one before.
+template <class L, int kRows, int kVectors, class T>
+OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, std::ptrdiff_t pitch,
+                    const Tail<L>& tail, Watch<L>& watch) {
+  typename L::Sum sums[kRows][kVectors];
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r)
+#pragma GCC unroll 4
+    for (int v = 0; v < kVectors; ++v) sums[r][v] = L::start(L::splat(kNoAddend<T>));
+  if (c) {
+#pragma GCC unroll 8
+    for (int r = 0; r < kRows; ++r) {
+#pragma GCC unroll 4
+      for (int v = 0; v + 1 < kVectors; ++v) sums[r][v] = L::start(L::load(c + r * pitch + v * L::kCount));
+      sums[r][kVectors - 1] = L::start(L::load(c + r * pitch + tail.offset, tail.mask));
+    }
+  }
+  std::ptrdiff_t terms_left = terms;
+  const Stored<T>* a = f.a;
+  const Stored<T>* b = f.b;
+  typename L::Vec row[kVectors];
+  if constexpr (L::kByLane && kRows <= 4) {
+    if (f.a_col == 1) {
+      for (; terms_left >= 4; terms_left -= 4, a += 4) {
+        typename L::Vec factors[kRows];
+#pragma GCC unroll 8
+        for (int r = 0; r < kRows; ++r) factors[r] = L::load(a + r * f.a_row);
+        load_row<L>(row, b, tail);
+        add_lane<L, 0>(sums, factors, row);
+        load_row<L>(row, b += f.b_row, tail);
+        add_lane<L, 1>(sums, factors, row);
+        load_row<L>(row, b += f.b_row, tail);
+        add_lane<L, 2>(sums, factors, row);
+        load_row<L>(row, b += f.b_row, tail);
+        add_lane<L, 3>(sums, factors, row);
+        b += f.b_row;
+      }
+    }
+  }
+  for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
+    load_row<L>(row, b, tail);
+#pragma GCC unroll 8
+    for (int r = 0; r < kRows; ++r) {
+      const auto x = L::factor(a[r * f.a_row].value);
+#pragma GCC unroll 4
+      for (int v = 0; v < kVectors; ++v) sums[r][v] = L::mul_add(sums[r][v], x, row[v]);
+    }
+  }
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r)
+#pragma GCC unroll 4
+    for (int v = 0; v < kVectors; ++v) watch.await(sums[r][v]);
+  if (watch.tripped()) {
+    plain_tile(f, kRows, tail.offset + L::kCount, terms, c, dst, pitch);
+    return watch.clear();
+  }
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r) {
+#pragma GCC unroll 4
+    for (int v = 0; v + 1 < kVectors; ++v) L::store(dst + r * pitch + v * L::kCount, L::finish(sums[r][v]));
+    L::store(dst + r * pitch + tail.offset, L::finish(sums[r][kVectors - 1]), tail.mask);
+  }
+}
+
+// The rows of a band of columns that are left for tiles of kRows, then of half as many.
+template <class L, int kRows, int kVectors, class T>
+OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms, const Stored<T>*& c, Stored<T>*& dst,
+                       std::ptrdiff_t pitch, const Tail<L>& tail, Watch<L>& watch) {
+  for (; rows >= kRows; rows -= kRows) {
+    tile<L, kRows, kVectors>(f, terms, c, dst, pitch, tail, watch);
+    f.a += kRows * f.a_row;
+    dst += kRows * pitch;
+    if (c) c += kRows * pitch;
+  }
+  if constexpr (kRows > 1) rows_by<L, kRows / 2, kVectors>(f, rows, terms, c, dst, pitch, tail, watch);
+}
+
+// Running sums fill half the registers; factors and rows of b share the rest.
+template <class L> constexpr int kMostVectors = kVectorRegisters >= 32 ? 4 : 2;
+template <class L, int kVectors> constexpr int rows_of_tile() {
+  int rows = 8;
+  while (rows > 1 && rows * kVectors * L::kRegistersPerSum > kVectorRegisters / 2) rows /= 2;
+  return rows;
+}
+
+// A band: the first cols columns, kVectors vectors, of a result whose rows are p.n apart. Rows of b are contiguous.
+template <class L, int kVectors>
+__attribute__((noinline)) void band(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watch) {
+  using T = typename L::Scalar;
+  Tail<L> tail;
+  if constexpr (L::kMasked)
+    tail = {(kVectors - 1) * L::kCount, L::mask(cols - (kVectors - 1) * L::kCount)};
+  else
+    tail = {cols - L::kCount, {}};
+  Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
+  std::ptrdiff_t rows = p.m;
+  const Stored<T>* c = in<T>(p.c);
+  Stored<T>* dst = out<T>(p.dst);
+  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, p.n, tail, watch);
+}
+
+// Rows of b that are short of a vector, or are columns of a transposed factor, or lie far apart, are brought together
+// in a panel on the stack: terms rows of `width` scalars. What is subtracted goes in negated: c - a * b is c + a * -b to
+// the last bit, as rounding knows no sign, so subtraction needs no kernel of its own.
+template <class L, class T>
+__attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width, const Stored<T>* b,
+                                          std::ptrdiff_t b_row, std::ptrdiff_t b_col, std::ptrdiff_t terms,
+                                          std::ptrdiff_t cols, bool negate) {
+  using Bits = typename BitsOfSize<sizeof(T)>::type;
+  auto* to = reinterpret_cast<Stored<Bits>*>(panel);
+  // Behind the last real column whole vectors may be loaded; what they find there is multiplied, and thrown away.
+  if (cols < L::kCount && !L::kMasked)
+    for (std::ptrdiff_t i = 0; i < terms * width; ++i) to[i].value = 0;
+  const auto* from = reinterpret_cast<const Stored<Bits>*>(b);
+  if (b_col == 1)
+    copy_block(from, b_row, terms, cols, to, width);
+  else
+    transpose_block<true>(from, b_col, cols, terms, to, width);
+  if (!negate) return;
+  for (std::ptrdiff_t k = 0; k < terms; ++k)
+    for (std::ptrdiff_t j = 0; j < cols; ++j) {
+      const Bits v = to[k * width + j].value;
+      to[k * width + j].value = kIsFloat<T> ? static_cast<Bits>(v ^ kSignBit<Bits>) : ox::sub(Bits{0}, v);
+    }
+}
+
+constexpr std::ptrdiff_t kPanelBytes = 14 * 1024;
+
+template <class L, int kVectors>
+__attribute__((noinline)) void band_by_panels(const ProductArgs& whole, std::ptrdiff_t cols, Watch<L>& watch) {
+  using T = typename L::Scalar;
+  constexpr std::ptrdiff_t kWidth = kVectors * L::kCount;
+  constexpr std::ptrdiff_t kTerms = kPanelBytes / (kWidth * static_cast<std::ptrdiff_t>(sizeof(T)));
+  Stored<T> panel[kTerms * kWidth];
+  // Field by field: a copy as a whole would be by vectors, which have to wait for the words just stored.
+  ProductArgs p = {whole.m,     whole.n, whole.k, whole.a, whole.a_row, whole.a_col, panel,
+                   kWidth, 1, whole.c, whole.dst, whole.subtract};
+  std::ptrdiff_t k = 0;
+  do {
+    p.k = whole.k - k < kTerms ? whole.k - k : kTerms;
+    fill_panel<L>(panel, kWidth, in<T>(whole.b) + k * whole.b_row, whole.b_row, whole.b_col, p.k, cols, p.subtract);
+    p.a = in<T>(whole.a) + k * p.a_col;
+    if (L::kMasked || cols >= L::kCount) {
+      band<L, kVectors>(p, cols, watch);
+    } else if constexpr (kVectors == 1) {
+      // The row of the result is shorter than a vector too: it goes through one of its own.
+      for (std::ptrdiff_t i = 0; i < whole.m; ++i) {
+        Stored<T> row[L::kCount] = {};
+        ProductArgs one = p;
+        one.m = 1;
+        one.n = L::kCount;
+        one.a = in<T>(p.a) + i * p.a_row;
+        one.dst = row;
+        if (p.c) {
+          copy_block(in<T>(p.c) + i * p.n, 0, 1, cols, row, 0);
+          one.c = row;
+        }
+        band<L, 1>(one, L::kCount, watch);
+        copy_block(row, 0, 1, cols, out<T>(p.dst) + i * p.n, 0);
+      }
+    }
+    p.c = p.dst;
+    k += kTerms;
+  } while (k < whole.k);
+}
+
+template <class L, int kVectors>
+OX_INLINE void columns(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watch) {
+  using T = typename L::Scalar;
+  // Rows of b that lie on many pages are better brought together when many rows of a meet them.
+  const bool far_apart = p.m >= 32 && p.k * p.b_row * static_cast<std::ptrdiff_t>(sizeof(T)) > 32 * 1024;
+  const bool narrow = !L::kMasked && cols < L::kCount;
+  if (p.b_col == 1 && !narrow && !far_apart && !p.subtract)
+    band<L, kVectors>(p, cols, watch);
+  else
+    band_by_panels<L, kVectors>(p, cols, watch);
+}
+
+template <class L> void product_in(const ProductArgs& whole) {
+  using T = typename L::Scalar;
+  Watch<L> watch;
+  if (whole.n <= L::kCount) return columns<L, 1>(whole, whole.n, watch);
+  ProductArgs p = {whole.m,     whole.n,     whole.k, whole.a,   whole.a_row,   whole.a_col, whole.b,
+                   whole.b_row, whole.b_col, whole.c, whole.dst, whole.subtract};
+  for (std::ptrdiff_t rest = whole.n; rest > 0;) {
+    const std::ptrdiff_t vectors = (rest + L::kCount - 1) / L::kCount;
+    std::ptrdiff_t cols = rest;
+    // An odd vector goes first, so that the last of the row, which may be moved left, has the one it overlaps beside it.
+    if (vectors % 2 == 1) {
+      if (vectors > 1) cols = L::kCount;
+      columns<L, 1>(p, cols, watch);
+    } else if (kMostVectors<L> < 4 || vectors == 2) {
+      if (vectors > 2) cols = 2 * L::kCount;
+      columns<L, 2>(p, cols, watch);
+    } else if constexpr (kMostVectors<L> >= 4) {
+      if (vectors > 4) cols = 4 * L::kCount;
+      columns<L, 4>(p, cols, watch);
+    }
+    rest -= cols;
+    p.b = in<T>(p.b) + cols * p.b_col;
+    if (p.c) p.c = in<T>(p.c) + cols;
+    p.dst = out<T>(p.dst) + cols;
+  }
+}
+
+template <class T> void product(const ProductArgs& p) {
+  using L = NativeLanes<T>;
+  if (p.n == 1 && p.m == 1) {
+    const auto* a = static_cast<const Stored<T>*>(p.a);
+    const auto* b = static_cast<const Stored<T>*>(p.b);
+    T sum = p.c ? static_cast<const Stored<T>*>(p.c)->value : kNoAddend<T>;
+    for (std::ptrdiff_t k = 0; k < p.k; ++k) {
+      const T term = ox::mul(a[k * p.a_col].value, b[k * p.b_row].value);
+      sum = p.subtract ? ox::sub(sum, term) : ox::add(sum, term);
+    }
+    static_cast<Stored<T>*>(p.dst)->value = sum;
+    return;
+  }
+  // A column is computed as a row, so that lanes run along it: the product of two numbers has no order.
+  if (p.n == 1)
+    return product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
+#if OX_LANE_BYTES == 32
+  if (p.n < L::kCount) return kernels_16.product[kDepthOf<T>](p);
+#endif
+  product_in<L>(p);
+}
+
+}  // namespace
+}  // namespace ox

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+// Transposition of blocks: bits move, nothing is computed.
+#pragma once
+
+#include <utility>
+
+#include "lanes/lanes.h"
+
+namespace ox {
+namespace {
+
+template <int kSize> struct BitsOfSize;
+template <> struct BitsOfSize<1> { using type = uint8_t; };
+template <> struct BitsOfSize<2> { using type = uint16_t; };
+template <> struct BitsOfSize<4> { using type = uint32_t; };
+template <> struct BitsOfSize<8> { using type = uint64_t; };
+
+// Two vectors of half the size, one behind the other.
+template <class Vec, class Half, int... kLane>
+OX_INLINE Vec join(Half low, Half high, std::integer_sequence<int, kLane...>) {
+  return __builtin_shufflevector(low, high, kLane...);
+}
+
+// Parts of 16 bytes, one from every kPart-th row; zeros for rows from `rows` on.
+template <class T, int Bytes>
+OX_INLINE typename CompilerLanes<T, Bytes>::Vec load_parts(const Stored<T>* src, std::ptrdiff_t row,
+                                                           std::ptrdiff_t first, std::ptrdiff_t rows) {
+  constexpr std::ptrdiff_t kPart = 16 / sizeof(T);
+  if constexpr (Bytes == 16) {
+    return first < rows ? CompilerLanes<T, 16>::load(src + first * row) : typename CompilerLanes<T, 16>::Vec{};
+  } else {
+    const auto low = load_parts<T, Bytes / 2>(src, row, first, rows);
+    const auto high = load_parts<T, Bytes / 2>(src, row, first + Bytes / 32 * kPart, rows);
+    return join<typename CompilerLanes<T, Bytes>::Vec>(low, high, std::make_integer_sequence<int, Bytes / int{sizeof(T)}>{});
+  }
+}
+
+// The lower (kHalf 0) or upper halves of two vectors, lane by lane in turn, in each 16 bytes by themselves.
+template <int kHalf, int kPart, class Vec, int... kLane>
+OX_INLINE Vec zip(Vec a, Vec b, std::integer_sequence<int, kLane...>) {
+  constexpr int n = sizeof...(kLane);
+  return __builtin_shufflevector(
+      a, b, (kLane / kPart * kPart + kHalf * kPart / 2 + kLane % kPart / 2 + (kLane & 1) * n)...);
+}
+
+// kPart vectors as the rows of squares of 16 bytes, side by side. Zipping row i with row i + n/2 for all i, log2(n) times
+// over, is a transposition of each: a round rotates the bits of an element's address (row, column) by one place.
+template <int kPart, int kLanes, class Vec> OX_INLINE void transpose_squares(Vec (&rows)[kPart]) {
+  Vec zipped[kPart];
+#pragma GCC unroll 4
+  for (int round = 1; round < kPart; round *= 2) {
+#pragma GCC unroll 16
+    for (int i = 0; i < kPart / 2; ++i) {
+      zipped[2 * i] = zip<0, kPart>(rows[i], rows[i + kPart / 2], std::make_integer_sequence<int, kLanes>{});
+      zipped[2 * i + 1] = zip<1, kPart>(rows[i], rows[i + kPart / 2], std::make_integer_sequence<int, kLanes>{});
+    }
+#pragma GCC unroll 16
+    for (int i = 0; i < kPart; ++i) rows[i] = zipped[i];
+  }
+}
+
+// dst(j, i) = src(i, j) for rows x cols elements of src; the two do not overlap. With kPadded a row of dst may be stored
+// to in whole vectors: what reads it next as a vector need not wait for parts.
+template <bool kPadded, class T>
+void transpose_block(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols,
+                     Stored<T>* dst, std::ptrdiff_t dst_row) {
+  using L = CompilerLanes<T, OX_LANE_BYTES>;
+  constexpr int kPart = 16 / sizeof(T);
+  std::ptrdiff_t i = 0;
+  for (; i < rows; i += L::kCount) {
+    const std::ptrdiff_t high = rows - i < L::kCount ? rows - i : L::kCount;
+    std::ptrdiff_t j = 0;
+    if (kPadded || high == L::kCount)
+      for (; j + kPart <= cols; j += kPart) {
+        typename L::Vec squares[kPart];
+#pragma GCC unroll 16
+        for (int r = 0; r < kPart; ++r)
+          squares[r] = load_parts<T, OX_LANE_BYTES>(src + i * src_row + j, src_row, r, high);
+        transpose_squares<kPart, L::kCount>(squares);
+#pragma GCC unroll 16
+        for (int c = 0; c < kPart; ++c) L::store(dst + (j + c) * dst_row + i, squares[c]);
+      }
+    for (; j < cols; ++j)
+      for (std::ptrdiff_t r = 0; r < high; ++r) dst[j * dst_row + i + r] = src[(i + r) * src_row + j];
+  }
+}
+
+// dst(i, j) = src(i, j) for rows x cols elements; the two do not overlap.
+template <class T>
+void copy_block(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols, Stored<T>* dst,
+                std::ptrdiff_t dst_row) {
+  using L = CompilerLanes<T, 16>;
+  for (std::ptrdiff_t i = 0; i < rows; ++i, src += src_row, dst += dst_row) {
+    std::ptrdiff_t j = 0;
+    for (; j + L::kCount <= cols; j += L::kCount) L::store(dst + j, L::load(src + j));
+    for (; j < cols; ++j) dst[j] = src[j];
+  }
+}
+
+}  // namespace
+}  // namespace ox

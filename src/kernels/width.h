@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: MIT
+// The table of one width. Included once by each width's source, after OX_LANE_BYTES and OX_TABLE are set.
+#pragma once
+
+#include "kernels/elementwise.h"
+#include "kernels/gauss_jordan.h"
+#include "kernels/nearest.h"
+#include "kernels/product.h"
+
+namespace ox {
+
+namespace {
+
+template <class Bits> void transpose(const void* src, std::ptrdiff_t rows, std::ptrdiff_t cols, void* dst) {
+  transpose_block<false>(in<Bits>(src), cols, rows, cols, out<Bits>(dst), rows);
+}
+
+}  // namespace
+
+#define OX_BY_DEPTH(kernel) \
+  { kernel<uint8_t>, kernel<uint8_t>, kernel<uint16_t>, kernel<uint16_t>, kernel<uint32_t>, kernel<float>, kernel<uint64_t>, kernel<double> }
+
+extern const Kernels OX_TABLE;
+const Kernels OX_TABLE = {
+    OX_LANE_BYTES,
+    OX_BY_DEPTH(product),
+    OX_BY_DEPTH(add_each),
+    OX_BY_DEPTH(sub_each),
+    OX_BY_DEPTH(scale_each),
+    OX_BY_DEPTH(negate_each),
+    OX_BY_DEPTH(fill_ones),
+    {transpose<uint8_t>, transpose<uint16_t>, transpose<uint32_t>, transpose<uint64_t>},
+    gauss_jordan,
+    nearest,
+};
+
+}  // namespace ox

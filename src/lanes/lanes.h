@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: MIT
+// Vectors of one width behind a small interface: no algorithm here, and no instruction set in a kernel.
+//
+// Included by each width's source, which sets OX_LANE_BYTES. Everything is in an unnamed namespace: what is compiled
+// for a wider instruction set can never stand in for its namesake elsewhere.
+#pragma once
+
+#include "lanes/scalars.h"
+
+#if defined(__ARM_NEON) && defined(__arm__)
+#include <arm_neon.h>
+#endif
+#if OX_LANE_BYTES == 64
+#include <immintrin.h>
+#endif
+
+namespace ox {
+namespace {
+
+#if defined(__AVX512F__) || defined(__aarch64__)
+constexpr int kVectorRegisters = 32;
+#elif defined(__i386__)
+constexpr int kVectorRegisters = 8;
+#else
+constexpr int kVectorRegisters = 16;
+#endif
+
+// What a vector without masks says of a row's last part: nothing, it is taken whole.
+struct NoMask {};
+
+// What every set of lanes has beside its elements: the running sums of a product, plain vectors as a rule.
+template <class L, class T, class V> struct PlainSums {
+  using Sum = V;
+  using Factor = V;
+  static constexpr int kRegistersPerSum = 1;
+  static OX_INLINE Sum start(V c) { return c; }
+  static OX_INLINE V finish(Sum s) { return s; }
+  static OX_INLINE Factor factor(T x) { return L::splat(x); }
+  static constexpr bool kByLane = false;  // whether a factor can be a lane of a vector
+  static OX_INLINE Sum mul_add(Sum s, Factor a, V b) { return L::add(s, L::mul(a, b)); }
+};
+
+// One scalar as a vector of one lane: types the machine has no vectors for.
+template <class T> struct OneLane : PlainSums<OneLane<T>, T, T> {
+  using Scalar = T;
+  using Vec = T;
+  static constexpr std::ptrdiff_t kCount = 1;
+  static constexpr bool kMasked = false, kFlushes = false;
+  using Mask = NoMask;
+  static OX_INLINE Mask mask(std::ptrdiff_t) { return {}; }
+  static OX_INLINE Vec load(const Stored<T>* p) { return p->value; }
+  static OX_INLINE Vec load(const Stored<T>* p, Mask) { return p->value; }
+  static OX_INLINE void store(Stored<T>* p, Vec v) { p->value = v; }
+  static OX_INLINE void store(Stored<T>* p, Vec v, Mask) { p->value = v; }
+  static OX_INLINE Vec splat(T x) { return x; }
+  static OX_INLINE Vec add(Vec a, Vec b) { return ox::add(a, b); }
+  static OX_INLINE Vec sub(Vec a, Vec b) { return ox::sub(a, b); }
+  static OX_INLINE Vec mul(Vec a, Vec b) { return ox::mul(a, b); }
+};
+
+// The compiler's own vectors, of Bytes bytes.
+template <class T, int Bytes> struct CompilerLanes {
+  using Scalar = T;
+  typedef T Vec __attribute__((vector_size(Bytes)));
+  static constexpr std::ptrdiff_t kCount = Bytes / static_cast<int>(sizeof(T));
+  static constexpr bool kMasked = false, kFlushes = false;
+  using Mask = NoMask;
+  static OX_INLINE Mask mask(std::ptrdiff_t) { return {}; }
+  static OX_INLINE Vec load(const Stored<T>* p) {
+    Vec v;
+    __builtin_memcpy(&v, p, sizeof v);
+    return v;
+  }
+  static OX_INLINE Vec load(const Stored<T>* p, Mask) { return load(p); }
+  static OX_INLINE void store(Stored<T>* p, Vec v) { __builtin_memcpy(p, &v, sizeof v); }
+  static OX_INLINE void store(Stored<T>* p, Vec v, Mask) { store(p, v); }
+  // x - 0 is x, -0 too; the compiler makes it a broadcast.
+  static OX_INLINE Vec splat(T x) { return x - Vec{}; }
+  static OX_INLINE Vec add(Vec a, Vec b) { return a + b; }
+  static OX_INLINE Vec sub(Vec a, Vec b) { return a - b; }
+  static OX_INLINE Vec mul(Vec a, Vec b) { return a * b; }
+};
+
+template <class T, int Bytes>
+struct Lanes : CompilerLanes<T, Bytes>, PlainSums<CompilerLanes<T, Bytes>, T, typename CompilerLanes<T, Bytes>::Vec> {};
+
+#if defined(__x86_64__) || defined(__i386__)
+// x86 multiplies no bytes. Even and odd bytes are summed apart in 16-bit lanes, of which only the low byte counts:
+// what stands above it never reaches down.
+template <int Bytes> struct Lanes<uint8_t, Bytes> : CompilerLanes<uint8_t, Bytes> {
+  using Vec = typename CompilerLanes<uint8_t, Bytes>::Vec;
+  typedef uint16_t Wide __attribute__((vector_size(Bytes)));
+  struct Sum {
+    Wide even, odd;
+  };
+  using Factor = Wide;
+  static constexpr int kRegistersPerSum = 2;
+  static constexpr bool kByLane = false;
+  static OX_INLINE Vec mul(Vec a, Vec b) {
+    return finish({(Wide)a * (Wide)b, ((Wide)a >> 8) * ((Wide)b >> 8)});
+  }
+  static OX_INLINE Sum start(Vec c) { return {(Wide)c, (Wide)c >> 8}; }
+  static OX_INLINE Vec finish(Sum s) { return (Vec)((s.even & 0xFF) | (s.odd << 8)); }
+  static OX_INLINE Factor factor(uint8_t x) { return CompilerLanes<uint16_t, Bytes>::splat(x); }
+  static OX_INLINE Sum mul_add(Sum s, Factor a, Vec b) { return {s.even + a * (Wide)b, s.odd + a * ((Wide)b >> 8)}; }
+};
+#endif
+
+#if defined(__arm__)
+// ARMv7: no vectors of doubles, no products of 64-bit lanes.
+template <int Bytes> struct Lanes<double, Bytes> : OneLane<double> {};
+template <int Bytes> struct Lanes<uint64_t, Bytes> : OneLane<uint64_t> {};
+
+#if defined(__ARM_NEON)
+// By intrinsics: the compiler splits its own float vectors into scalars, as NEON turns subnormals into zero. VMLA rounds
+// the product before it adds, so it is the multiply and add of the plain loop in one instruction.
+template <int Bytes> struct Lanes<float, Bytes> {
+  using Scalar = float;
+  using Vec = float32x4_t;
+  using Sum = Vec;
+  using Factor = Vec;
+  static constexpr int kRegistersPerSum = 1;
+  static constexpr std::ptrdiff_t kCount = 4;
+  static constexpr bool kMasked = false, kFlushes = true;
+  using Mask = NoMask;
+  static OX_INLINE Mask mask(std::ptrdiff_t) { return {}; }
+  static OX_INLINE Vec load(const Stored<float>* p) { return vld1q_f32(reinterpret_cast<const float*>(p)); }
+  static OX_INLINE Vec load(const Stored<float>* p, Mask) { return load(p); }
+  static OX_INLINE void store(Stored<float>* p, Vec v) { vst1q_f32(reinterpret_cast<float*>(p), v); }
+  static OX_INLINE void store(Stored<float>* p, Vec v, Mask) { store(p, v); }
+  static OX_INLINE Vec splat(float x) { return vdupq_n_f32(x); }
+  static OX_INLINE Vec add(Vec a, Vec b) { return vaddq_f32(a, b); }
+  static OX_INLINE Vec sub(Vec a, Vec b) { return vsubq_f32(a, b); }
+  static OX_INLINE Vec mul(Vec a, Vec b) { return vmulq_f32(a, b); }
+  static OX_INLINE Sum start(Vec c) { return c; }
+  static OX_INLINE Vec finish(Sum s) { return s; }
+  static OX_INLINE Factor factor(float x) { return vdupq_n_f32(x); }
+  static OX_INLINE Sum mul_add(Sum s, Factor a, Vec b) { return vmlaq_f32(s, a, b); }
+  static constexpr bool kByLane = true;
+  template <int kLane> static OX_INLINE Sum mul_add_lane(Sum s, Vec a, Vec b) {
+    return vmlaq_lane_f32(s, b, kLane < 2 ? vget_low_f32(a) : vget_high_f32(a), kLane % 2);
+  }
+};
+#endif
+#endif
+
+#if OX_LANE_BYTES == 64
+// Masks for whole vectors of 64 bytes: the end of a row is loaded and stored by part.
+template <int Size> struct MaskedMoves;
+#define OX_MASKED_MOVES(size, mask_type, suffix)                                                                     \
+  template <> struct MaskedMoves<size> {                                                                             \
+    using Mask = mask_type;                                                                                          \
+    static OX_INLINE __m512i load(const void* p, Mask m) { return _mm512_maskz_loadu_##suffix(m, p); }               \
+    static OX_INLINE void store(void* p, __m512i v, Mask m) { _mm512_mask_storeu_##suffix(p, m, v); }                \
+  };
+OX_MASKED_MOVES(1, __mmask64, epi8)
+OX_MASKED_MOVES(2, __mmask32, epi16)
+OX_MASKED_MOVES(4, __mmask16, epi32)
+OX_MASKED_MOVES(8, __mmask8, epi64)
+
+template <class Base> struct MaskedLanes : Base {
+  using T = typename Base::Scalar;
+  using Vec = typename Base::Vec;
+  using Moves = MaskedMoves<sizeof(T)>;
+  using Mask = typename Moves::Mask;
+  static constexpr bool kMasked = true;
+  // The first count lanes, 1 to kCount of them.
+  static OX_INLINE Mask mask(std::ptrdiff_t count) { return static_cast<Mask>(~uint64_t{0} >> (64 - count)); }
+  using Base::load;
+  using Base::store;
+  static OX_INLINE Vec load(const Stored<T>* p, Mask m) { return (Vec)Moves::load(p, m); }
+  static OX_INLINE void store(Stored<T>* p, Vec v, Mask m) { Moves::store(p, (__m512i)v, m); }
+};
+template <class T> using NativeLanes = MaskedLanes<Lanes<T, 64>>;
+#else
+template <class T> using NativeLanes = Lanes<T, OX_LANE_BYTES>;
+#endif
+
+}  // namespace
+}  // namespace ox
