@@ -68,27 +68,36 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
   augment(work, in<float>(src), n);
   // Column k, ahead of the rows it belongs to: the divisions of the next step wait for these numbers alone, not for whole
   // rows to be stored and loaded again.
-  double column[kMostInverse];
+  double column[kMostInverse], factors[kMostInverse];
   for (int32_t i = 0; i < n; ++i) column[i] = static_cast<double>(work[i][0]);
   for (int32_t k = 0; k < n; ++k) {
     if (column[k] == 0.0) {
       exchange_rows(work, k, replacement_row(work, k, n), n);
       for (int32_t i = 0; i < n; ++i) column[i] = static_cast<double>(work[i][k]);
     }
-    const float* const pivot_row = work[k];
-    const double pivot = column[k];
-    const double ahead = static_cast<double>(pivot_row[k + 1]);
+    const double pivot = column[k], ahead = static_cast<double>(work[k][k + 1]);
     for (int32_t i = 0; i < n; ++i) {
-      float* const row = work[i];
-      if (i == k) {
-        column[i] = ahead;
-        continue;
+      if (i == k) continue;
+      factors[i] = column[i] / pivot;
+      column[i] = static_cast<double>(static_cast<float>(static_cast<double>(work[i][k + 1]) - ahead * factors[i]));
+    }
+    column[k] = ahead;
+    // Cleared columns are computed too: what they become can be seen by a later, smaller call. Short rows go one vector
+    // of the pivot row after another, long ones row after row: 54 against 62 ns at n = 4, 18 against 13 us at n = 40.
+    if (n <= 8) {
+      for (int32_t j = 0; j < width; j += kDoubles) {
+        const DoubleVec pivots = load_doubles(work[k] + j);
+        for (int32_t i = 0; i < n; ++i)
+          if (i != k) store_doubles(work[i] + j, load_doubles(work[i] + j) - pivots * factors[i]);
       }
-      const double f = column[i] / pivot;
-      column[i] = static_cast<double>(static_cast<float>(static_cast<double>(row[k + 1]) - ahead * f));
-      // Cleared columns are computed too: what they become can be seen by a later, smaller call.
-      for (int32_t j = 0; j < width; j += kDoubles)
-        store_doubles(row + j, load_doubles(row + j) - load_doubles(pivot_row + j) * f);
+    } else {
+      DoubleVec pivots[2 * kMostInverse / kDoubles];
+      for (int32_t j = 0; j < width; j += kDoubles) pivots[j / kDoubles] = load_doubles(work[k] + j);
+      for (int32_t i = 0; i < n; ++i) {
+        if (i == k) continue;
+        for (int32_t j = 0; j < width; j += kDoubles)
+          store_doubles(work[i] + j, load_doubles(work[i] + j) - pivots[j / kDoubles] * factors[i]);
+      }
     }
   }
   for (int32_t r = 0; r < n; ++r) {

@@ -573,4 +573,51 @@ TYPED_TEST(MulAddAndSubMulOfFloats, HonourSubnormalTermsSumsFactorsAndAddends) {
   }
 }
 
+TYPED_TEST(MulAddAndSubMulOfFloats, SeeASingleSubnormalTermWhereverItIs) {
+  using T = typename TypeParam::Scalar;
+  support::Random random(3209);
+  Product<TypeParam> product(random, 80);
+  for (const Form form : {Form::kAdd, Form::kAddTransposed, Form::kSub}) {
+    for (const std::int32_t n : support::row_lengths()) {
+      for (const std::int32_t k : {1, 5, 12}) {
+        const std::int32_t m = random.between(1, 9);
+        for (std::int32_t line = 0; line < m + n; ++line) {
+          const bool in_a = line < m;
+          const std::int32_t t = 2 * random.between(0, (k - 1) / 2);
+          product.lay(m, n, k, form);
+          support::fill_factors_with_one_odd<T>(random, TypeParam::kType, product.elements(product.a),
+                                                product.elements(product.b), m, n, k, flags_of(form), in_a,
+                                                in_a ? line : line - m, t, random.one_in(2));
+          std::memset(product.c.data, 0, product.bytes(m, n));
+          ASSERT_TRUE(product.agrees())
+              << (in_a ? "a, row " : "b, column ") << (in_a ? line : line - m) << ", term " << t;
+        }
+      }
+    }
+  }
+}
+
+TYPED_TEST(MulAddAndSubMulOfFloats, KeepASingleSubnormalAddendWhereverItIs) {
+  using T = typename TypeParam::Scalar;
+  constexpr std::int32_t smallest = std::numeric_limits<T>::min_exponent - 1;
+  support::Random random(3210);
+  Product<TypeParam> product(random, 80);
+  for (const Form form : {Form::kAdd, Form::kAddTransposed, Form::kSub}) {
+    for (const std::int32_t n : support::row_lengths()) {
+      const std::int32_t m = random.between(1, 4), k = random.between(1, 9);
+      for (std::int32_t at = 0; at < m * n; ++at) {
+        product.lay(m, n, k, form);
+        support::fill_exponents(random, TypeParam::kType, product.elements(product.a), product.count(m, k), 0, 2);
+        support::fill_exponents(random, TypeParam::kType, product.elements(product.b), product.count(k, n), 0, 2);
+        support::fill_exponents(random, TypeParam::kType, product.elements(product.c), product.count(m, n), 0, 2);
+        // Zeros as its factors, so that it is not lost beside large terms.
+        std::memset(product.elements(product.a) + product.bytes(at / n, k), 0, product.bytes(1, k));
+        support::store_float(random, TypeParam::kType, product.elements(product.c) + product.bytes(1, at),
+                             smallest - 4);
+        ASSERT_TRUE(product.agrees()) << "element " << at;
+      }
+    }
+  }
+}
+
 }  // namespace

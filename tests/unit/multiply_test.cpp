@@ -462,4 +462,27 @@ TYPED_TEST(MatMulOfFloats, HonoursSubnormalTermsSumsAndFactors) {
   }
 }
 
+TYPED_TEST(MatMulOfFloats, SeesASingleSubnormalTermWhereverItIs) {
+  using T = typename TypeParam::Scalar;
+  support::Random random(3109);
+  Product<TypeParam> product(random, 80);
+  for (const std::uint32_t flags : kForms) {
+    for (const std::int32_t n : support::row_lengths()) {
+      for (const std::int32_t k : {1, 5, 12}) {
+        const std::int32_t m = random.between(1, 9);
+        for (std::int32_t line = 0; line < m + n; ++line) {
+          const bool in_a = line < m;
+          const std::int32_t t = 2 * random.between(0, (k - 1) / 2);
+          product.lay(m, n, k, flags);
+          support::fill_factors_with_one_odd<T>(random, TypeParam::kType, product.elements(product.a),
+                                                product.elements(product.b), m, n, k, flags, in_a,
+                                                in_a ? line : line - m, t, random.one_in(2));
+          ASSERT_TRUE(product.agrees())
+              << (in_a ? "a, row " : "b, column ") << (in_a ? line : line - m) << ", term " << t;
+        }
+      }
+    }
+  }
+}
+
 }  // namespace

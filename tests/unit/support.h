@@ -421,6 +421,53 @@ void fill_factors_about(Random& random, std::uint32_t type, unsigned char* a, un
   }
 }
 
+// Factors of which one element alone makes a subnormal term, so that a test of the data that leaves out any
+// element goes wrong. The element is term t, an even one, of row `line` of a or of column `line` of b. The
+// terms before it cancel in pairs and those behind it are zero: the subnormal term is the result.
+// Either the element is subnormal itself, or it meets others that are small without harm to the rest.
+template <class T>
+void fill_factors_with_one_odd(Random& random, std::uint32_t type, unsigned char* a, unsigned char* b,
+                               std::int32_t m, std::int32_t n, std::int32_t k, std::uint32_t flags, bool odd_in_a,
+                               std::int32_t line, std::int32_t t, bool subnormal) {
+  constexpr std::int32_t smallest = std::numeric_limits<T>::min_exponent - 1;
+  const auto a_at = [&](std::int32_t i, std::int32_t term) {
+    const std::int32_t index = flags == OX_MAT_TRANSPOSE_A ? term * m + i : i * k + term;
+    return a + static_cast<std::size_t>(index) * sizeof(T);
+  };
+  const auto b_at = [&](std::int32_t term, std::int32_t j) {
+    const std::int32_t index = flags == OX_MAT_TRANSPOSE_B ? j * k + term : term * n + j;
+    return b + static_cast<std::size_t>(index) * sizeof(T);
+  };
+  fill_exponents(random, type, a, static_cast<std::size_t>(m * k), 0, 2);
+  fill_exponents(random, type, b, static_cast<std::size_t>(k * n), 0, 2);
+  for (std::int32_t term = 0; term + 1 < k; term += 2) {
+    for (std::int32_t i = 0; i < m; ++i) {
+      T value;
+      std::memcpy(&value, a_at(i, term), sizeof value);
+      value = -value;
+      std::memcpy(a_at(i, term + 1), &value, sizeof value);
+    }
+    for (std::int32_t j = 0; j < n; ++j) std::memcpy(b_at(term + 1, j), b_at(term, j), sizeof(T));
+  }
+  const std::int32_t element = subnormal ? smallest - 4 : smallest / 2 - 8;
+  if (odd_in_a) {
+    store_float(random, type, a_at(line, t), element);
+    for (std::int32_t term = t + 1; term < k; ++term) std::memset(a_at(line, term), 0, sizeof(T));
+    if (subnormal) return;
+    for (std::int32_t j = 0; j < n; ++j) store_float(random, type, b_at(t, j), smallest / 2);
+  } else {
+    store_float(random, type, b_at(t, line), element);
+    for (std::int32_t term = t + 1; term < k; ++term) std::memset(b_at(term, line), 0, sizeof(T));
+    if (subnormal) return;
+    for (std::int32_t i = 0; i < m; ++i) store_float(random, type, a_at(i, t), smallest / 2);
+  }
+}
+
+// Rows of these lengths end within, at and behind vectors of every width.
+inline std::vector<std::int32_t> row_lengths() {
+  return {1, 2, 3, 4, 5, 7, 8, 9, 11, 12, 13, 15, 16, 17, 19, 20, 23, 24, 25, 31, 32, 33, 36, 65};
+}
+
 // Exponents of single terms at which something happens: rounding to a subnormal or to zero, the last term of
 // which a difference can be subnormal, and overflow.
 template <class T>
