@@ -59,34 +59,40 @@ template <int kPart, int kLanes, class Vec> OX_INLINE void transpose_squares(Vec
   }
 }
 
+// The columns of src that lie in one cache line, down all rows: the line is read at once, dst is written along its rows.
+template <bool kPadded, class T>
+__attribute__((noinline)) void transpose_line(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows,
+                                              std::ptrdiff_t cols, Stored<T>* dst, std::ptrdiff_t dst_row) {
+  using L = CompilerLanes<T, OX_LANE_BYTES>;
+  constexpr int kPart = 16 / sizeof(T);
+  for (std::ptrdiff_t i = 0; i < rows; i += L::kCount) {
+    const std::ptrdiff_t high = rows - i < L::kCount ? rows - i : L::kCount;
+    const Stored<T>* const from = src + i * src_row;
+    std::ptrdiff_t j = 0;
+    if (kPadded || high == L::kCount)
+      for (; j + kPart <= cols; j += kPart) {
+        typename L::Vec squares[kPart];
+#pragma GCC unroll 16
+        for (int r = 0; r < kPart; ++r)
+          squares[r] = load_parts<T, OX_LANE_BYTES>(from + j, src_row, r, kPadded ? high : L::kCount);
+        transpose_squares<kPart, L::kCount>(squares);
+#pragma GCC unroll 16
+        for (int c = 0; c < kPart; ++c) L::store(dst + (j + c) * dst_row + i, squares[c]);
+      }
+    for (; j < cols; ++j)
+      for (std::ptrdiff_t r = 0; r < high; ++r) dst[j * dst_row + i + r] = from[r * src_row + j];
+  }
+}
+
 // dst(j, i) = src(i, j) for rows x cols elements of src; the two do not overlap. With kPadded a row of dst may be stored
 // to in whole vectors: what reads it next as a vector need not wait for parts.
 template <bool kPadded, class T>
-void transpose_block(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols,
-                     Stored<T>* dst, std::ptrdiff_t dst_row) {
-  using L = CompilerLanes<T, OX_LANE_BYTES>;
-  constexpr int kPart = 16 / sizeof(T);
+OX_INLINE void transpose_block(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols,
+                               Stored<T>* dst, std::ptrdiff_t dst_row) {
   constexpr std::ptrdiff_t kLine = 64 / sizeof(T);
-  // By cache lines of src, and down them: each line is read at once, and dst is written along its rows.
-  for (std::ptrdiff_t line = 0; line < cols; line += kLine) {
-    const std::ptrdiff_t end = cols - line < kLine ? cols : line + kLine;
-    for (std::ptrdiff_t i = 0; i < rows; i += L::kCount) {
-      const std::ptrdiff_t high = rows - i < L::kCount ? rows - i : L::kCount;
-      std::ptrdiff_t j = line;
-      if (kPadded || high == L::kCount)
-        for (; j + kPart <= end; j += kPart) {
-          typename L::Vec squares[kPart];
-#pragma GCC unroll 16
-          for (int r = 0; r < kPart; ++r)
-            squares[r] = load_parts<T, OX_LANE_BYTES>(src + i * src_row + j, src_row, r, high);
-          transpose_squares<kPart, L::kCount>(squares);
-#pragma GCC unroll 16
-          for (int c = 0; c < kPart; ++c) L::store(dst + (j + c) * dst_row + i, squares[c]);
-        }
-      for (; j < end; ++j)
-        for (std::ptrdiff_t r = 0; r < high; ++r) dst[j * dst_row + i + r] = src[(i + r) * src_row + j];
-    }
-  }
+  for (; cols > kLine; cols -= kLine, src += kLine, dst += kLine * dst_row)
+    transpose_line<kPadded>(src, src_row, rows, kLine, dst, dst_row);
+  transpose_line<kPadded>(src, src_row, rows, cols, dst, dst_row);
 }
 
 // dst(i, j) = src(i, j) for rows x cols elements; the two do not overlap.
