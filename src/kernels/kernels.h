@@ -6,8 +6,9 @@
 
 namespace ox {
 
-// dst [m x n] = c + a * b, or c - a * b. Element (i, k) of a stands at a_row * i + a_col * k, (k, j) of b at b_row * k + b_col * j,
-// in scalars, and b_row or b_col is 1. c and dst are packed; c may be null, or dst.
+// dst [m x n] = c + a * b, or c - a * b, for m, n and k above zero. In scalars, element (i, k) of a stands at
+// a_row * i + a_col * k and (k, j) of b at b_row * k + b_col * j; b_row or b_col is 1. Rows of c and dst are n apart;
+// c may be null, or dst.
 struct ProductArgs {
   std::ptrdiff_t m, n, k;
   const void* a;
