@@ -6,8 +6,6 @@
 
 namespace ox {
 
-extern const Kernels kernels_32, kernels_64;
-
 const Kernels* chosen_kernels = &kernels_16;
 
 const Kernels* kernels_of(int bytes) {

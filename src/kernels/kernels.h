@@ -57,6 +57,7 @@ struct Kernels {
 extern const Kernels kernels_16;
 
 #if defined(__x86_64__)
+extern const Kernels kernels_32, kernels_64;
 // The widest that this processor has and that is not above a number of bytes.
 const Kernels* kernels_of(int bytes);
 extern const Kernels* chosen_kernels;  // set at load; only the tests change it

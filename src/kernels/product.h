@@ -29,20 +29,28 @@ template <class L> struct Tail {
 // Sums start from the addend, or from -0: -0 + x is x, the sign of a zero included, so the first product is as if stored.
 template <class T> constexpr T kNoAddend = static_cast<T>(-0.0);
 
-// The tile as the scalar unit computes it, where the vector unit has flushed a subnormal.
+// By the scalar unit: where the vector unit has flushed a subnormal, and where there is too little to fill a vector. The
+// factors come by value: where their address is known to nobody, they stay in registers.
 template <class T>
-__attribute__((noinline)) void plain_tile(const Factors<T>& f, std::ptrdiff_t rows, std::ptrdiff_t cols,
-                                          std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst,
-                                          std::ptrdiff_t pitch) {
-  for (std::ptrdiff_t i = 0; i < rows; ++i)
-    for (std::ptrdiff_t j = 0; j < cols; ++j) {
-      T sum = c ? c[i * pitch + j].value : kNoAddend<T>;
-      for (std::ptrdiff_t k = 0; k < terms; ++k) {
-        const T term = ox::mul(f.a[i * f.a_row + k * f.a_col].value, f.b[k * f.b_row + j].value);
-        sum = ox::add(sum, term);
-      }
-      dst[i * pitch + j].value = sum;
-    }
+OX_INLINE void plain_dot(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, bool subtract) {
+  T sum = c ? c->value : kNoAddend<T>;
+  for (std::ptrdiff_t k = 0; k < terms; ++k) {
+    const T term = ox::mul(f.a[k * f.a_col].value, f.b[k * f.b_row].value);
+    sum = subtract ? ox::sub(sum, term) : ox::add(sum, term);
+  }
+  dst->value = sum;
+}
+
+template <class T>
+__attribute__((noinline)) void plain(Factors<T> f, std::ptrdiff_t b_col, std::ptrdiff_t rows, std::ptrdiff_t cols,
+                                     std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, std::ptrdiff_t pitch,
+                                     bool subtract) {
+  for (; rows > 0; --rows, f.a += f.a_row, dst += pitch) {
+    Factors<T> column = f;
+    for (std::ptrdiff_t j = 0; j < cols; ++j, column.b += b_col)
+      plain_dot(column, terms, c ? c + j : nullptr, dst + j, subtract);
+    if (c) c += pitch;
+  }
 }
 
 // One row of b, kVectors vectors of it.
@@ -85,7 +93,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
   const Stored<T>* a = f.a;
   const Stored<T>* b = f.b;
   typename L::Vec row[kVectors];
-  if constexpr (L::kByLane && kRows <= 4) {
+  if constexpr (L::kByLane) {
     if (f.a_col == 1) {
       for (; terms_left >= 4; terms_left -= 4, a += 4) {
         typename L::Vec factors[kRows];
@@ -117,7 +125,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
 #pragma GCC unroll 4
     for (int v = 0; v < kVectors; ++v) watch.await(sums[r][v]);
   if (watch.tripped()) {
-    plain_tile(f, kRows, tail.offset + L::kCount, terms, c, dst, pitch);
+    plain(f, 1, kRows, tail.offset + L::kCount, terms, c, dst, pitch, false);
     return watch.clear();
   }
 #pragma GCC unroll 8
@@ -144,7 +152,7 @@ OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms
 // Running sums fill half the registers; factors and rows of b share the rest.
 template <class L> constexpr int kMostVectors = kVectorRegisters >= 32 ? 4 : 2;
 template <class L, int kVectors> constexpr int rows_of_tile() {
-  int rows = 8;
+  int rows = L::kByLane ? 4 : 8;  // by lane, the factors of each row take a register too
   while (rows > 1 && rows * kVectors * L::kRegistersPerSum > kVectorRegisters / 2) rows /= 2;
   return rows;
 }
@@ -165,9 +173,28 @@ __attribute__((noinline)) void band(const ProductArgs& p, std::ptrdiff_t cols, W
   rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, p.n, tail, watch);
 }
 
+// What is subtracted goes into a panel negated: c - a * b is c + a * -b to the last bit, as rounding knows no sign, so
+// subtraction needs no kernel of its own.
+template <class T>
+OX_INLINE void negate_panel(Stored<T>* panel, std::ptrdiff_t width, std::ptrdiff_t terms, std::ptrdiff_t cols) {
+  using Bits = typename BitsOfSize<sizeof(T)>::type;
+  using V = CompilerLanes<Bits, OX_LANE_BYTES>;
+  auto* row = reinterpret_cast<Stored<Bits>*>(panel);
+  for (std::ptrdiff_t k = 0; k < terms; ++k, row += width) {
+    std::ptrdiff_t j = 0;
+    for (; j + V::kCount <= cols; j += V::kCount) {
+      const auto v = V::load(row + j);
+      V::store(row + j, kIsFloat<T> ? v ^ kSignBit<Bits> : -v);
+    }
+    for (; j < cols; ++j) {
+      const Bits v = row[j].value;
+      row[j].value = kIsFloat<T> ? static_cast<Bits>(v ^ kSignBit<Bits>) : ox::sub(Bits{0}, v);
+    }
+  }
+}
+
 // Rows of b that are short of a vector, or are columns of a transposed factor, or lie far apart, are brought together
-// in a panel on the stack: terms rows of `width` scalars. What is subtracted goes in negated: c - a * b is c + a * -b to
-// the last bit, as rounding knows no sign, so subtraction needs no kernel of its own.
+// in a panel on the stack: terms rows of `width` scalars.
 template <class L, class T>
 __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width, const Stored<T>* b,
                                           std::ptrdiff_t b_row, std::ptrdiff_t b_col, std::ptrdiff_t terms,
@@ -182,12 +209,7 @@ __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width
     copy_block(from, b_row, terms, cols, to, width);
   else
     transpose_block<true>(from, b_col, cols, terms, to, width);
-  if (!negate) return;
-  for (std::ptrdiff_t k = 0; k < terms; ++k)
-    for (std::ptrdiff_t j = 0; j < cols; ++j) {
-      const Bits v = to[k * width + j].value;
-      to[k * width + j].value = kIsFloat<T> ? static_cast<Bits>(v ^ kSignBit<Bits>) : ox::sub(Bits{0}, v);
-    }
+  if (negate) negate_panel(panel, width, terms, cols);
 }
 
 constexpr std::ptrdiff_t kPanelBytes = 14 * 1024;
@@ -269,25 +291,58 @@ template <class L> void product_in(const ProductArgs& whole) {
   }
 }
 
+// A result whose rows are one or two whole vectors, as those of a tracker's filter: every distance is a constant.
+constexpr std::ptrdiff_t kNarrowTerms = 64;
+
+template <class L, int kVectors> __attribute__((noinline)) void narrow(const ProductArgs& p) {
+  using T = typename L::Scalar;
+  constexpr std::ptrdiff_t kCols = kVectors * L::kCount;
+  Stored<T> panel[kNarrowTerms * kCols];
+  Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), kCols};
+  if (p.b_col != 1 || p.subtract) {
+    using Bits = typename BitsOfSize<sizeof(T)>::type;
+    auto* const to = reinterpret_cast<Stored<Bits>*>(panel);
+    if (p.b_col == 1)
+      copy_block(in<Bits>(p.b), 0, 1, p.k * kCols, to, 0);
+    else
+      transpose_strip<false>(in<Bits>(p.b), p.b_col, kCols, p.k, to, kCols);
+    if (p.subtract) negate_panel(panel, 0, 1, p.k * kCols);
+    f.b = panel;
+  }
+  Watch<L> watch;
+  std::ptrdiff_t rows = p.m;
+  const Stored<T>* c = in<T>(p.c);
+  Stored<T>* dst = out<T>(p.dst);
+  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, kCols, {kCols - L::kCount, {}}, watch);
+}
+
+// So few products are done before a panel is filled.
+constexpr std::ptrdiff_t kPlainWork = 64;
+
 template <class T> void product(const ProductArgs& p) {
   using L = NativeLanes<T>;
-  if (p.n == 1 && p.m == 1) {
-    const auto* a = static_cast<const Stored<T>*>(p.a);
-    const auto* b = static_cast<const Stored<T>*>(p.b);
-    T sum = p.c ? static_cast<const Stored<T>*>(p.c)->value : kNoAddend<T>;
-    for (std::ptrdiff_t k = 0; k < p.k; ++k) {
-      const T term = ox::mul(a[k * p.a_col].value, b[k * p.b_row].value);
-      sum = p.subtract ? ox::sub(sum, term) : ox::add(sum, term);
-    }
-    static_cast<Stored<T>*>(p.dst)->value = sum;
-    return;
-  }
-  // A column is computed as a row, so that lanes run along it: the product of two numbers has no order.
-  if (p.n == 1)
+  const Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
+  if (p.n == 1) {
+    if (p.m == 1) return plain_dot(f, p.k, in<T>(p.c), out<T>(p.dst), p.subtract);
+    // A column is computed as a row, so that lanes run along it: the product of two numbers has no order.
     return product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
+  }
 #if OX_LANE_BYTES == 32
   if (p.n < L::kCount) return kernels_16.product[kDepthOf<T>](p);
+#elif OX_LANE_BYTES == 64
+  // What needs a panel, and is a whole vector elsewhere, is done there: what was stored by parts is slow to load again.
+  if (kIsFloat<T> && (p.b_col != 1 || p.subtract)) {
+    if (2 * p.n == L::kCount) return kernels_32.product[kDepthOf<T>](p);
+    if (4 * p.n == L::kCount) return kernels_16.product[kDepthOf<T>](p);
+  }
 #endif
+  if (!L::kMasked && p.n < L::kCount && p.m * p.n * p.k <= kPlainWork)
+    return plain(f, p.b_col, p.m, p.n, p.k, in<T>(p.c), out<T>(p.dst), p.n, p.subtract);
+  if constexpr (kIsFloat<T> && L::kCount > 1 && !L::kMasked)
+    if ((p.b_col == 1 && !p.subtract) || p.k <= kNarrowTerms) {
+      if (p.n == L::kCount) return narrow<L, 1>(p);
+      if (p.n == 2 * L::kCount) return narrow<L, 2>(p);
+    }
   product_in<L>(p);
 }
 

@@ -59,10 +59,21 @@ template <int kPart, int kLanes, class Vec> OX_INLINE void transpose_squares(Vec
   }
 }
 
-// The columns of src that lie in one cache line, down all rows: the line is read at once, dst is written along its rows.
+// The first kPart columns of as many rows as a vector has lanes, a vector each; zeros for rows from `rows` on.
+template <class T, int kPart, class Vec>
+OX_INLINE void load_columns(Vec (&columns)[kPart], const Stored<T>* src, std::ptrdiff_t row, std::ptrdiff_t rows) {
+#if defined(__arm__) && defined(__ARM_NEON)
+  if constexpr (sizeof(T) == 4) return load_columns_of_4(columns, src, row, rows);
+#endif
+#pragma GCC unroll 16
+  for (int r = 0; r < kPart; ++r) columns[r] = load_parts<T, OX_LANE_BYTES>(src, row, r, rows);
+  transpose_squares<kPart, CompilerLanes<T, OX_LANE_BYTES>::kCount>(columns);
+}
+
+// dst(j, i) = src(i, j), vector after vector of a row of dst.
 template <bool kPadded, class T>
-__attribute__((noinline)) void transpose_line(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows,
-                                              std::ptrdiff_t cols, Stored<T>* dst, std::ptrdiff_t dst_row) {
+OX_INLINE void transpose_strip(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols,
+                               Stored<T>* dst, std::ptrdiff_t dst_row) {
   using L = CompilerLanes<T, OX_LANE_BYTES>;
   constexpr int kPart = 16 / sizeof(T);
   for (std::ptrdiff_t i = 0; i < rows; i += L::kCount) {
@@ -71,17 +82,21 @@ __attribute__((noinline)) void transpose_line(const Stored<T>* src, std::ptrdiff
     std::ptrdiff_t j = 0;
     if (kPadded || high == L::kCount)
       for (; j + kPart <= cols; j += kPart) {
-        typename L::Vec squares[kPart];
+        typename L::Vec columns[kPart];
+        load_columns(columns, from + j, src_row, kPadded ? high : L::kCount);
 #pragma GCC unroll 16
-        for (int r = 0; r < kPart; ++r)
-          squares[r] = load_parts<T, OX_LANE_BYTES>(from + j, src_row, r, kPadded ? high : L::kCount);
-        transpose_squares<kPart, L::kCount>(squares);
-#pragma GCC unroll 16
-        for (int c = 0; c < kPart; ++c) L::store(dst + (j + c) * dst_row + i, squares[c]);
+        for (int c = 0; c < kPart; ++c) L::store(dst + (j + c) * dst_row + i, columns[c]);
       }
     for (; j < cols; ++j)
       for (std::ptrdiff_t r = 0; r < high; ++r) dst[j * dst_row + i + r] = from[r * src_row + j];
   }
+}
+
+// The columns of src that lie in one cache line, down all rows: the line is read at once, dst is written along its rows.
+template <bool kPadded, class T>
+__attribute__((noinline)) void transpose_line(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows,
+                                              std::ptrdiff_t cols, Stored<T>* dst, std::ptrdiff_t dst_row) {
+  transpose_strip<kPadded>(src, src_row, rows, cols, dst, dst_row);
 }
 
 // dst(j, i) = src(i, j) for rows x cols elements of src; the two do not overlap. With kPadded a row of dst may be stored

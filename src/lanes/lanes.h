@@ -144,6 +144,28 @@ template <int Bytes> struct Lanes<float, Bytes> {
 #endif
 #endif
 
+#if defined(__arm__) && defined(__ARM_NEON)
+// Four columns of up to four rows: the loads themselves spread a row over the lanes.
+OX_INLINE void load_columns_of_4(CompilerLanes<uint32_t, 16>::Vec (&columns)[4], const Stored<uint32_t>* src,
+                                 std::ptrdiff_t row, std::ptrdiff_t rows) {
+  const auto* p = reinterpret_cast<const uint32_t*>(src);
+  uint32x4x4_t v;
+#pragma GCC unroll 4
+  for (int c = 0; c < 4; ++c) {
+    if (rows < 4)
+      v.val[c] = vdupq_n_u32(0);
+    else
+      asm("" : "=w"(v.val[c]));  // every lane is loaded
+  }
+  v = vld4q_lane_u32(p, v, 0);
+  if (rows > 1) v = vld4q_lane_u32(p + row, v, 1);
+  if (rows > 2) v = vld4q_lane_u32(p + 2 * row, v, 2);
+  if (rows > 3) v = vld4q_lane_u32(p + 3 * row, v, 3);
+#pragma GCC unroll 4
+  for (int c = 0; c < 4; ++c) columns[c] = (CompilerLanes<uint32_t, 16>::Vec)v.val[c];
+}
+#endif
+
 #if OX_LANE_BYTES == 64
 // Masks for whole vectors of 64 bytes: the end of a row is loaded and stored by part.
 template <int Size> struct MaskedMoves;
