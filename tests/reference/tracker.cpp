@@ -122,6 +122,12 @@ void Tracker::fail_from(long nth, long how_many) {
   fail_count_ = how_many;
 }
 
+long Tracker::blocks() const {
+  long blocks = 0;
+  for (const Track& track : tracks) blocks += track.filter ? 3 : 1;
+  return blocks;
+}
+
 bool Tracker::allocate() {
   ++allocations_;
   return allocations_ < fail_first_ || allocations_ >= fail_first_ + fail_count_;

@@ -91,6 +91,12 @@ class Tracker {
   // Allocations number nth (1 is the next one) to nth + how_many - 1 fail.
   void fail_from(long nth, long how_many);
 
+  // Allocations asked for so far, failed ones included.
+  long allocations() const { return allocations_; }
+
+  // Blocks that the tracks hold: the track itself, its filter, its measurement.
+  long blocks() const;
+
   // Position in `tracks` of the track that detection i was given to, or -1.
   std::ptrdiff_t match_position(std::size_t i) const;
 

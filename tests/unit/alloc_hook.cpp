@@ -9,6 +9,7 @@ namespace {
 // Plain atomics of constant initialisation: the first allocations come before any constructor has run.
 std::atomic<long> live_blocks{0};
 std::atomic<long> requests{0};
+std::atomic<long> refusals{0};
 std::atomic<std::size_t> latest_size{0};
 std::atomic<long> first_failing{0};
 std::atomic<long> end_failing{0};
@@ -16,7 +17,9 @@ std::atomic<long> end_failing{0};
 bool refuse(std::size_t bytes) {
   latest_size = bytes;
   const long number = ++requests;
-  return number >= first_failing && number < end_failing;
+  if (number < first_failing || number >= end_failing) return false;
+  ++refusals;
+  return true;
 }
 
 void* counted(void* block) {
@@ -40,12 +43,14 @@ void reset() {
   first_failing = 0;
   live_blocks = 0;
   requests = 0;
+  refusals = 0;
   latest_size = 0;
 }
 
 long live() { return live_blocks; }
 std::size_t last_size() { return latest_size; }
 long calls() { return requests; }
+long refused() { return refusals; }
 
 }  // namespace alloc_hook
 

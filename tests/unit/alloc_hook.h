@@ -25,6 +25,9 @@ std::size_t last_size();
 // Requests since the last reset, failed ones included.
 long calls();
 
+// Requests since the last reset that were made to fail.
+long refused();
+
 }  // namespace alloc_hook
 
 #endif

@@ -119,19 +119,19 @@ class Session {
     alloc_hook::reset();
 
     if (failing) ref_->fail_from(nth, how_many);
-    const long blocks_before = ref_blocks();
+    const long blocks_before = ref_->blocks();
     ref_->process(ref_boxes.data(), ref_out);
     ref_->fail_from(0, 0);
 
     std::string found = harness::difference(*tracker_, *ref_);
     if (!found.empty()) return found;
-    if (live != ref_blocks() - blocks_before) return "number of blocks allocated";
+    if (live != ref_->blocks() - blocks_before) return "number of blocks allocated";
     for (auto i = static_cast<std::size_t>(ref_->det_count); i < old_matches.size(); ++i) {
       if (tracker_->det_match[i] != old_matches[i]) return "det_match behind the detections";
     }
     if (!shared && std::memcmp(boxes.data(), ref_boxes.data(), boxes.size() * sizeof(float)) != 0)
       return "boxes were written";
-    return result_difference(shared ? boxes : results, shared ? ref_boxes : ref_results);
+    return harness::result_difference(shared ? boxes : results, shared ? ref_boxes : ref_results);
   }
 
  private:
@@ -320,23 +320,6 @@ class Session {
     if (!cut) list.push_back(random_.one_in(2) ? 0.0f : -0.0f);
     list.shrink_to_fit();
     return list;
-  }
-
-  long ref_blocks() const {
-    long blocks = 0;
-    for (const reference::Track& t : ref_->tracks) blocks += t.filter ? 3 : 1;
-    return blocks;
-  }
-
-  static std::string result_difference(const std::vector<float>& got, const std::vector<float>& want) {
-    for (std::size_t i = 0; i < want.size(); ++i) {
-      // A corner is the outcome of arithmetic; everything else was copied, converted or never written.
-      const bool corner = i % 8 >= 2 && i % 8 <= 5;
-      const bool same = corner ? harness::same_value(got[i], want[i])
-                               : std::memcmp(&got[i], &want[i], sizeof(float)) == 0;
-      if (!same) return "float " + std::to_string(i) + " of the results";
-    }
-    return {};
   }
 
   Random& random_;
