@@ -250,8 +250,8 @@ inline ::testing::AssertionResult same_bytes(const void* got, const void* want, 
 
 // --------------------------------------------------------------------------------------------- memory
 
-// Where an operand lies: its first or last byte at a page that can neither be read nor written, or
-// `offset` bytes behind a multiple of 64.
+// Where an operand lies: its first or last byte at a page that can neither be read nor written or `offset` bytes from
+// there, or `offset` bytes behind a multiple of 64.
 struct Placement {
   enum Kind { kAtStart, kAtEnd, kInside } kind;
   std::size_t offset;
@@ -287,10 +287,10 @@ class GuardedPages {
     bytes_ = bytes;
     switch (where.kind) {
       case Placement::kAtStart:
-        operand_ = first_;
+        operand_ = first_ + where.offset;
         break;
       case Placement::kAtEnd:
-        operand_ = first_ + usable_ - bytes;
+        operand_ = first_ + usable_ - bytes - where.offset;
         break;
       case Placement::kInside:
         operand_ = first_ + kCanary + where.offset;

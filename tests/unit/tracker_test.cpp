@@ -81,6 +81,7 @@ TEST(TrackerCreate, ClampsEveryNearDistance) {
   EXPECT_EQ(stored_near_dist2(kNaN), 1.0f);
   EXPECT_EQ(stored_near_dist2(-0.0001f), 0.0f);
   EXPECT_EQ(stored_near_dist2(-kInfinity), 0.0f);
+  EXPECT_EQ(harness::bits_of(stored_near_dist2(-0.0f)), 0x80000000u);  // no less than zero: it stays
 }
 
 TEST(TrackerCreate, ClampsEveryThreshold) {
@@ -92,6 +93,7 @@ TEST(TrackerCreate, ClampsEveryThreshold) {
   EXPECT_EQ(stored_iou_threshold(kNaN), 1.0f);
   EXPECT_EQ(stored_iou_threshold(-0.0001f), 0.0f);
   EXPECT_EQ(stored_iou_threshold(-kInfinity), 0.0f);
+  EXPECT_EQ(harness::bits_of(stored_iou_threshold(-0.0f)), 0x80000000u);
 }
 
 TEST(TrackerCreate, ClampsTheExtremesOfTheCounts) {
