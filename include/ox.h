@@ -361,13 +361,13 @@ typedef struct ox_tracker_detection_t {
 struct ox_track_t {
   ox_track_t *next; /**< the next younger track; of the youngest, the tracker itself: compare before reading */
   ox_track_t *prev; /**< the next older track; of the oldest, the tracker itself */
-  int32_t id;       /**< -1 while tentative, then from 1 */
+  int32_t id;       /**< -1 while tentative, then from 1; two share one only where 1048574 confirmations lie between */
   int32_t label;    /**< of the last detection matched */
   float cx, cy, w, h; /**< current box: last detection matched, or the corrected state */
   uint32_t score;   /**< bits of the score last matched */
   float prev_cx, prev_cy, prev_w, prev_h; /**< the current box before the last update */
   ox_kalman_t *kf;  /**< null while tentative */
-  ox_mat_t *meas;   /**< 4 x 1 OX_F32; null while tentative */
+  ox_mat_t *meas;   /**< 4 x 1 OX_F32; null while tentative, without defined contents until the first correction */
   float pred_cx, pred_cy, pred_w, pred_h; /**< box used for association in this frame */
   int32_t det_index; /**< detection matched in this frame, -1 for none */
   int32_t misses;    /**< consecutive frames without a match; stops at INT32_MAX */

@@ -607,6 +607,36 @@ TEST_F(Oxtrack, PrintsHelpAndVersion) {
   EXPECT_EQ(version.out.substr(0, 8), "oxtrack ");
 }
 
+// The words behind "(default" that follow each "--option" at the start of an entry.
+std::map<std::string, std::string> defaults(std::string text, const std::string &entry) {
+  std::map<std::string, std::string> found;
+  const std::string name = "abcdefghijklmnopqrstuvwxyz0123456789-";
+  for (std::size_t at = text.find(entry); at != std::string::npos;) {
+    const std::size_t start = text.find("--", at), next = text.find(entry, at + entry.size());
+    const std::string part = text.substr(start, next - start);
+    const std::size_t given = part.find("(default");
+    if (given != std::string::npos) {
+      const std::size_t value = part.find_first_not_of(" :", given + 8), end = part.find_first_of(",;)\n ", value);
+      found[part.substr(0, part.find_first_not_of(name))] = part.substr(value, end - value);
+    }
+    at = next;
+  }
+  return found;
+}
+
+TEST_F(Oxtrack, GivesTheDefaultsOfItsManualPage) {
+  std::stringstream text;
+  text << std::ifstream(OXTRACK_MANUAL).rdbuf();
+  std::string manual = text.str();
+  manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
+  const std::map<std::string, std::string> helped = defaults(track("--help").out, "\n  -");
+  const std::map<std::string, std::string> written = defaults(manual, "\n.TP\n");
+  for (const char *option : {"--gate", "--confirm-hits", "--max-misses", "--iou-threshold", "--near-dist2", "--aux0"}) {
+    ASSERT_EQ(helped.count(option) + written.count(option), 2u) << option;
+    EXPECT_EQ(helped.at(option), written.at(option)) << option;
+  }
+}
+
 TEST_F(Oxtrack, RefusesWrongCommandLines) {
   const std::string file = " " + quote(write("det.txt", standing(1, 3)));
   const std::vector<std::string> wrong = {"",
