@@ -48,11 +48,12 @@ OX_INLINE void step(Stored<T>* dst, const Op& op, Watch<L>& watch, const Sources
   for (int i = 0; i < kVectors; ++i) v[i] = op.template apply<L>(L::load(src + i * L::kCount)...);
 #pragma GCC unroll 4
   for (int i = 0; i < kVectors; ++i) watch.await(v[i]);
-  if (watch.tripped()) {
-    for (std::ptrdiff_t i = 0; i < kVectors * L::kCount; ++i)
-      dst[i].value = op.template apply<OneLane<T>>(src[i].value...);
-    return watch.clear();
-  }
+  if constexpr (L::kFlushes)
+    if (watch.tripped()) {
+      for (std::ptrdiff_t i = 0; i < kVectors * L::kCount; ++i)
+        dst[i].value = op.template apply<OneLane<T>>(src[i].value...);
+      return watch.clear();
+    }
 #pragma GCC unroll 4
   for (int i = 0; i < kVectors; ++i) L::store(dst + i * L::kCount, v[i]);
 }

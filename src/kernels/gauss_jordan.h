@@ -58,6 +58,8 @@ constexpr bool kPivotsInRegisters = true;
 constexpr bool kPivotsInRegisters = false;
 #endif
 
+constexpr std::ptrdiff_t kWorkRow = std::ptrdiff_t{2} * kMostInverse;
+
 void exchange_rows(InverseWork& work, int32_t k, int32_t m, int32_t n) {
   float* const temporary = work[kMostInverse];
   const std::size_t bytes = static_cast<std::size_t>(2 * n - k) * sizeof(float);
@@ -112,7 +114,7 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
       for (int32_t j = 0; j < width; j += kDoubles) {
         const DoubleVec pivots = load_doubles(work[k] + j);
         float* at = work[0] + j;
-        for (int32_t i = 0; i < n; ++i, at += 2 * kMostInverse)
+        for (int32_t i = 0; i < n; ++i, at += kWorkRow)
           if (i != k) store_doubles(at, load_doubles(at) - pivots * factors[i]);
       }
     } else {
@@ -129,7 +131,7 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
     const double reciprocal = 1.0 / static_cast<double>(work[r][r]);
     for (int32_t j = 0; j < width; j += kDoubles) store_doubles(work[r] + j, load_doubles(work[r] + j) * reciprocal);
   }
-  copy_block(reinterpret_cast<const Stored<float>*>(work[0] + n), 2 * kMostInverse, n, n, out<float>(dst), n);
+  copy_block(reinterpret_cast<const Stored<float>*>(work[0] + n), kWorkRow, n, n, out<float>(dst), n);
 }
 
 }  // namespace

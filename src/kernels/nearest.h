@@ -40,8 +40,7 @@ void plain_nearest(const NearestArgs& p, std::ptrdiff_t d) {
   }
 }
 
-void nearest(const NearestArgs& p) {
-  using L = FloatLanes;
+template <class L> void nearest(const NearestArgs& p) {
   Watch<L> watch;
   std::ptrdiff_t first = 0;
   for (; first < p.det_count; first += kFloats) {
@@ -55,27 +54,28 @@ void nearest(const NearestArgs& p) {
       labels[i] = p.any_label ? 0 : d.label;
       dist2s[i] = p.dist2[first + i];
     }
-    L::Vec x, y, best_dist2;
+    typename L::Vec x, y, best_dist2;
     IntVec label, best;
     __builtin_memcpy(&x, xs, sizeof x);
     __builtin_memcpy(&y, ys, sizeof y);
     __builtin_memcpy(&label, labels, sizeof label);
     __builtin_memcpy(&best_dist2, dist2s, sizeof best_dist2);
-    best = label ^ label;
+    best = IntVec{};
     for (int t = 0; t < p.count; ++t) {
-      const L::Vec dx = L::sub(L::splat(p.cx[t]), x), dy = L::sub(L::splat(p.cy[t]), y);
-      const L::Vec dist2 = L::add(L::mul(dx, dx), L::mul(dy, dy));
+      const typename L::Vec dx = L::sub(L::splat(p.cx[t]), x), dy = L::sub(L::splat(p.cy[t]), y);
+      const typename L::Vec dist2 = L::add(L::mul(dx, dx), L::mul(dy, dy));
       const IntVec track_label = p.labels[t] - IntVec{}, number = (t + 1) - IntVec{};
       const IntVec nearer = less(dist2, best_dist2) & equal(track_label, label);
       best_dist2 = choose(nearer, dist2, best_dist2);
       best = (nearer & number) | (~nearer & best);
     }
     watch.await(best_dist2);
-    if (watch.tripped()) {
-      for (int i = 0; i < lanes; ++i) plain_nearest(p, first + i);
-      watch.clear();
-      continue;
-    }
+    if constexpr (L::kFlushes)
+      if (watch.tripped()) {
+        for (int i = 0; i < lanes; ++i) plain_nearest(p, first + i);
+        watch.clear();
+        continue;
+      }
     __builtin_memcpy(dist2s, &best_dist2, sizeof best_dist2);
     __builtin_memcpy(bests, &best, sizeof best);
     for (int i = 0; i < lanes; ++i) {

@@ -124,10 +124,11 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
   for (int r = 0; r < kRows; ++r)
 #pragma GCC unroll 4
     for (int v = 0; v < kVectors; ++v) watch.await(sums[r][v]);
-  if (watch.tripped()) {
-    plain(f, 1, kRows, tail.offset + L::kCount, terms, c, dst, pitch, false);
-    return watch.clear();
-  }
+  if constexpr (L::kFlushes)
+    if (watch.tripped()) {
+      plain(f, 1, kRows, tail.offset + L::kCount, terms, c, dst, pitch, false);
+      return watch.clear();
+    }
 #pragma GCC unroll 8
   for (int r = 0; r < kRows; ++r) {
 #pragma GCC unroll 4
@@ -212,7 +213,7 @@ __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width
   if (negate) negate_panel(panel, width, terms, cols);
 }
 
-constexpr std::ptrdiff_t kPanelBytes = 14 * 1024;
+constexpr std::ptrdiff_t kPanelBytes = std::ptrdiff_t{14} * 1024;
 
 template <class L, int kVectors>
 __attribute__((noinline)) void band_by_panels(const ProductArgs& whole, std::ptrdiff_t cols, Watch<L>& watch) {
@@ -256,7 +257,7 @@ template <class L, int kVectors>
 OX_INLINE void columns(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watch) {
   using T = typename L::Scalar;
   // Rows of b that lie on many pages are better brought together when many rows of a meet them.
-  const bool far_apart = p.m >= 32 && p.k * p.b_row * static_cast<std::ptrdiff_t>(sizeof(T)) > 32 * 1024;
+  const bool far_apart = p.m >= 32 && p.k * p.b_row * static_cast<std::ptrdiff_t>(sizeof(T)) > std::ptrdiff_t{32} * 1024;
   const bool narrow = !L::kMasked && cols < L::kCount;
   if (p.b_col == 1 && !narrow && !far_apart && !p.subtract)
     band<L, kVectors>(p, cols, watch);
@@ -275,7 +276,7 @@ template <class L> void product_in(const ProductArgs& whole) {
     std::ptrdiff_t cols = rest;
     // An odd vector goes first, so that the last of the row, which may be moved left, has the one it overlaps beside it.
     if (vectors % 2 == 1) {
-      if (vectors > 1) cols = L::kCount;
+      cols = L::kCount;
       columns<L, 1>(p, cols, watch);
     } else if (kMostVectors<L> < 4 || vectors == 2) {
       if (vectors > 2) cols = 2 * L::kCount;

@@ -31,7 +31,7 @@ const Kernels OX_TABLE = {
     OX_BY_DEPTH(fill_ones),
     {transpose<uint8_t>, transpose<uint16_t>, transpose<uint32_t>, transpose<uint64_t>},
     gauss_jordan,
-    nearest,
+    nearest<FloatLanes>,
 };
 
 }  // namespace ox

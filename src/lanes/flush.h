@@ -34,20 +34,16 @@ class FlushWatch {
     return __builtin_expect((now & kFlushBits) != 0, 0);
   }
   // After the scalar unit has computed a block again: it sets UFC too.
-  void clear() {
-    asm volatile("vmsr fpscr, %0" ::"r"(callers_ & ~kFlushBits) : "memory");
-  }
+  void clear() { asm volatile("vmsr fpscr, %0" ::"r"(callers_ & ~kFlushBits) : "memory"); }
 
  private:
   uint32_t callers_;
 };
 #endif
 
-// Nothing is flushed elsewhere.
+// Nothing is flushed elsewhere, and nobody asks.
 struct NoWatch {
   template <class V> OX_INLINE void await(V&) {}
-  OX_INLINE bool tripped() { return false; }
-  OX_INLINE void clear() {}
 };
 
 template <bool kFlushes> struct WatchFor { using type = NoWatch; };

@@ -12,13 +12,9 @@
 
 namespace ox {
 
-// The type each depth is computed in. Signed and unsigned integers of one width wrap to the same bits, so
-// the unsigned type serves both and no signed arithmetic, whose overflow is undefined, occurs anywhere.
-#define OX_DEPTHS(X)                                                          \
-  X(OX_U8, uint8_t) X(OX_S8, uint8_t) X(OX_U16, uint16_t) X(OX_S16, uint16_t) \
-  X(OX_S32, uint32_t) X(OX_F32, float) X(OX_S64, uint64_t) X(OX_F64, double)
-
-// One depth of each type, to find it in a table by.
+// Each depth is computed in one of six types. Signed and unsigned integers of one width wrap to the same bits, so the
+// unsigned type serves both and no signed arithmetic, whose overflow is undefined, occurs anywhere. Here is one depth of
+// each type, to find it in a table by.
 template <class T> inline constexpr uint32_t kDepthOf = OX_U8;
 template <> inline constexpr uint32_t kDepthOf<uint16_t> = OX_U16;
 template <> inline constexpr uint32_t kDepthOf<uint32_t> = OX_S32;
@@ -59,13 +55,17 @@ template <class T> OX_INLINE T mul(T a, T b) {
   return static_cast<T>(static_cast<W>(a) * static_cast<W>(b));
 }
 
-// Calls f with a zero of the type that a type word stands for.
+// Calls f with a zero of the type that a type word's scalars are computed in.
 template <class F> inline void with_depth(uint32_t type, F&& f) {
   switch (type & 7u) {
-#define OX_CASE(code, scalar) \
-  case code: return f(scalar{});
-    OX_DEPTHS(OX_CASE)
-#undef OX_CASE
+    case OX_U8:
+    case OX_S8: return f(uint8_t{});
+    case OX_U16:
+    case OX_S16: return f(uint16_t{});
+    case OX_S32: return f(uint32_t{});
+    case OX_F32: return f(float{});
+    case OX_S64: return f(uint64_t{});
+    default: return f(double{});  // OX_F64
   }
 }
 
