@@ -63,7 +63,7 @@ int main(void) {
   }
   for (frame = 0; frame < FRAMES; ++frame) {
     detect(frame, boxes);
-    ox_tracker_process(tracker, &boxes[0].label, &reports[0].id);
+    ox_tracker_process(tracker, (const float *)boxes, (float *)reports);
     printf("frame %2d:", frame);
     for (i = 0; i < CAPACITY && reports[i].id >= 0.0f; ++i) /* an identity of -1 ends a list that is not full */
       printf("   %s %.0f at %5.1f %5.1f%s", reports[i].label == (float)PERSON ? "person" : "car", reports[i].id,

@@ -57,7 +57,7 @@ template <class T> std::vector<T> numbers(std::size_t count, uint32_t seed) {
   for (T& v : values) {
     state = state * 1664525u + 1013904223u;  // Numerical Recipes, quick and dirty generator
     if constexpr (std::is_floating_point_v<T>)
-      v = static_cast<T>(static_cast<int32_t>(state >> 15) - 65536 + 0.5f) / 65536;
+      v = static_cast<T>(static_cast<float>(static_cast<int32_t>(state >> 15) - 65536) + 0.5f) / 65536;
     else
       v = static_cast<T>(state >> (32 - 8 * sizeof(T)));
   }

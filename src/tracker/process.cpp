@@ -222,7 +222,7 @@ void miss(ox_tracker_t& tracker, ox_track_t& t) {
 void report(ox_tracker_t& tracker, float* results) {
   int32_t written = 0;
   for (ox_track_t* t = tracker.next; t != ring_end(tracker) && written < tracker.capacity; t = t->next) {
-    if (t->id < 0 || t->misses > kReportMisses) continue;
+    if (t->id < 0 || t->misses > kReportMisses) continue;  // NOLINT(clang-analyzer-unix.Malloc): the freed are unlinked
     results[0] = static_cast<float>(t->id);
     results[1] = static_cast<float>(t->label);
     results[2] = t->cx - t->w * 0.5f;

@@ -45,6 +45,7 @@ ox_mat_t* scaled_identity(int32_t size, float value) {
 }
 
 template <class T> T* make_array(int32_t count) {
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): of a pointer where the array holds pointers
   return static_cast<T*>(std::calloc(count > 0 ? static_cast<std::size_t>(count) : 1, sizeof(T)));
 }
 

@@ -446,22 +446,22 @@ float cross_term(float x0, float y0, float x1, float y1) {
 }  // namespace
 
 void matmult_3x3(const float* A, const float* B, float* C) {
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 3; ++c)
+  for (std::ptrdiff_t r = 0; r < 3; ++r)
+    for (std::ptrdiff_t c = 0; c < 3; ++c)
       C[3 * r + c] = three_terms(A[3 * r], B[c], A[3 * r + 1], B[3 + c], A[3 * r + 2], B[6 + c]);
 }
 
 void matmult_3x3t(const float* A, const float* B, float* C) {
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 3; ++c) C[3 * r + c] = vecdotp_3(A + 3 * r, B + 3 * c);
+  for (std::ptrdiff_t r = 0; r < 3; ++r)
+    for (std::ptrdiff_t c = 0; c < 3; ++c) C[3 * r + c] = vecdotp_3(A + 3 * r, B + 3 * c);
 }
 
 void matmult_3x3vec(const float* A, const float* v, float* w) {
-  for (int r = 0; r < 3; ++r) w[r] = vecdotp_3(A + 3 * r, v);
+  for (std::ptrdiff_t r = 0; r < 3; ++r) w[r] = vecdotp_3(A + 3 * r, v);
 }
 
 void matmult_3x3tvec(const float* A, const float* v, float* w) {
-  for (int r = 0; r < 3; ++r) w[r] = three_terms(A[r], v[0], A[3 + r], v[1], A[6 + r], v[2]);
+  for (std::ptrdiff_t r = 0; r < 3; ++r) w[r] = three_terms(A[r], v[0], A[3 + r], v[1], A[6 + r], v[2]);
 }
 
 void matneg_3x3(float* A) {
@@ -491,8 +491,8 @@ float matdet_3x3(const float* A) {
 }
 
 void vecoutp_3(const float* u, const float* v, float* C) {
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 3; ++c) C[3 * r + c] = u[r] * v[c];
+  for (std::ptrdiff_t r = 0; r < 3; ++r)
+    for (std::ptrdiff_t c = 0; c < 3; ++c) C[3 * r + c] = u[r] * v[c];
 }
 
 void veccrossp_3(const float* u, const float* v, float* w) {

@@ -87,7 +87,7 @@ std::string follow_links(std::string path) {
     const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
     if (length < 0) return path;
     const std::string next(target.data(), static_cast<std::size_t>(length));
-    path = next.front() == '/' ? next : directory_of(path) + next;
+    path = (next.front() == '/' ? std::string() : directory_of(path)).append(next);
   }
   fail(path, ELOOP);
 }
@@ -155,7 +155,7 @@ void replace_file(const std::string& path, std::string_view text) {
 }
 
 void guard_standard_streams() {
-  std::signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // cannot fail for a signal that exists
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(descriptor, F_GETFD) != -1) continue;
     // Opened the wrong way round, so that use fails: open takes the lowest free number, which is this one.

@@ -33,11 +33,11 @@ Box cut_to_image(const Box& box) {
 }  // namespace
 
 // Another sequence than the street's: a change here leaves the true objects as they are.
-Detector::Detector(std::uint32_t seed) : random_(seed ^ 0x9e3779b9u) {
-  mistakes_ = {{Kind::kPerson, {318, 352, 38, 104}, 0},
-               {Kind::kPerson, {1702, 610, 74, 196}, 0},
-               {Kind::kVehicle, {90, 395, 150, 62}, 0}};
-}
+Detector::Detector(std::uint32_t seed)
+    : random_(seed ^ 0x9e3779b9u),
+      mistakes_{{Kind::kPerson, {318, 352, 38, 104}, 0},
+                {Kind::kPerson, {1702, 610, 74, 196}, 0},
+                {Kind::kVehicle, {90, 395, 150, 62}, 0}} {}
 
 void Detector::report(std::vector<Found>& found, Kind kind, const Box& box, double score) {
   constexpr double kSmallest = 8;  // pixels

@@ -24,7 +24,7 @@ class Detector {
   std::vector<Found> look(const std::vector<Seen>& objects);
 
  private:
-  void report(std::vector<Found>& found, Kind kind, const Box& box, double score);
+  static void report(std::vector<Found>& found, Kind kind, const Box& box, double score);
   Box shaken(const Box& box, double drift);
 
   Random random_;

@@ -56,7 +56,8 @@ void score(const std::string& truth, const std::string& results) {
 
 void run(const std::vector<std::string>& arguments) {
   const std::string verb = arguments.empty() ? "" : arguments[0];
-  const std::vector<std::string> rest(arguments.begin() + (arguments.empty() ? 0 : 1), arguments.end());
+  std::vector<std::string> rest;
+  if (!arguments.empty()) rest.assign(arguments.begin() + 1, arguments.end());
   if (verb == "--help" || verb == "-h") return tool::write_standard_output(kUsage);
   if (verb == "make" && !rest.empty() && !rest[0].empty()) return make(rest);
   if (verb == "score" && rest.size() == 2) return score(rest[0], rest[1]);

@@ -198,7 +198,7 @@ void Street::move(Object& object) {
     drive(object);
 }
 
-bool Street::gone(const Object& object) const {
+bool Street::gone(const Object& object) {
   const Box box = box_of(object.x, object.foot, object.width, object.height);
   return object.speed > 0 ? box.left > kImageWidth : box.right() < 0;
 }
@@ -206,7 +206,7 @@ bool Street::gone(const Object& object) const {
 std::vector<Seen> Street::step() {
   let_in();
   for (Object& object : objects_) move(object);
-  objects_.erase(std::remove_if(objects_.begin(), objects_.end(), [this](const Object& o) { return gone(o); }),
+  objects_.erase(std::remove_if(objects_.begin(), objects_.end(), [](const Object& o) { return gone(o); }),
                  objects_.end());
   ++frame_;
 

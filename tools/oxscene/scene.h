@@ -52,7 +52,7 @@ class Street {
   void move(Object& object);
   void move_person(Object& person);
   void drive(Object& vehicle) const;
-  bool gone(const Object& object) const;
+  static bool gone(const Object& object);
 
   Random random_;
   int frame_ = 0;
