@@ -71,7 +71,7 @@ std::vector<float> inverse_of(std::int32_t n, std::vector<float> elements) {
 
 // Before main and so before any test: what the work area holds when the library has just been loaded.
 struct FirstCalls {
-  float inverse[2];
+  float inverse[2] = {};
   FirstCalls() {
     float zero = 0.0f;
     const ox_mat_t src = header(OX_F32, 1, 1, &zero);

@@ -278,6 +278,8 @@ TEST(KalmanCreate, SizesThatCannotBeCountedGiveNull) {
       {0x80000000u, 0}, {0, 0x80000000u},
       // One n x n matrix can be counted in 64 bits, the sum of them cannot.
       {0x7FFFFFFFu, 0}, {0, 0x7FFFFFFFu},
+      // The elements of K are 16 bytes short of 2^64; its header is more.
+      {0x40000001u, 0xFFFFFFFCu},
       // Only the last matrix, Q or R, goes beyond.
       {1000000000u, 0}, {0, 1300000000u}};
   if (sizeof(void*) == 4) {

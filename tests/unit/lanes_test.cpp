@@ -23,6 +23,28 @@ int widest_in_cpuinfo() {
 }
 
 }  // namespace
+
+// What the compiler's run time has found out about the processor, and asks the processor for only once.
+extern "C" struct {
+  unsigned vendor, type, subtype, features;
+} __cpu_model;
+
+TEST(Lanes, WidthIsChosenOnlyWithAllItNeeds) {
+  constexpr unsigned kAvx2 = 1u << 10, kAvx512[] = {1u << 15, 1u << 20, 1u << 21, 1u << 22};  // F, VL, BW, DQ
+  const unsigned all = kAvx512[0] | kAvx512[1] | kAvx512[2] | kAvx512[3] | kAvx2;
+  const unsigned real = __cpu_model.features;
+  const auto bytes = [](unsigned features, int most) {
+    __cpu_model.features = features;
+    return ox::kernels_of(most)->bytes;
+  };
+  EXPECT_EQ(bytes(all, 64), 64);
+  for (const unsigned feature : kAvx512) EXPECT_EQ(bytes(all & ~feature, 64), 32) << feature;
+  EXPECT_EQ(bytes(all, 63), 32);
+  EXPECT_EQ(bytes(all, 31), 16);
+  EXPECT_EQ(bytes(kAvx2, 64), 32);
+  EXPECT_EQ(bytes(0, 64), 16);
+  __cpu_model.features = real;
+}
 #endif
 
 // OX_EXPECT_WIDTH is set where the processor is an emulated one, which /proc/cpuinfo does not show.

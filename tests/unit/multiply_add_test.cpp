@@ -102,7 +102,7 @@ class Product {
   }
   static std::size_t bytes(std::int32_t rows, std::int32_t cols) { return count(rows, cols) * sizeof(T); }
 
-  ox_mat_t a, b, c, dst;
+  ox_mat_t a{}, b{}, c{}, dst{};
 
  private:
   testing::AssertionResult agrees_with(ox_mat_t* addend, void* addend_data) {

@@ -63,7 +63,7 @@ class Product {
 
   static unsigned char* elements(const ox_mat_t& m) { return static_cast<unsigned char*>(m.data); }
 
-  ox_mat_t a, b, dst;
+  ox_mat_t a{}, b{}, dst{};
 
  private:
   static std::size_t count(std::int32_t rows, std::int32_t cols) {

@@ -1104,6 +1104,73 @@ TEST(TrackerProcess, FullResultsHaveNoEndMark) {
   EXPECT_TRUE(results.untouched(2 * 8));
 }
 
+// The tracks meet the detections in blocks of 256.
+TEST(TrackerProcess, NearestTrackIsFoundOnBothSidesOfABlock) {
+  for (const int count : {255, 256, 257, 513}) {
+    SCOPED_TRACE(count);
+    Params p = confirming_at(1);
+    p.count = count;
+    const TrackerPtr tracker = make_tracker(p);
+    reference::Tracker expected(p.count, p.confirm_hits, p.max_misses, p.any_label, p.near_dist2, p.iou_threshold);
+    for (int frame = 0; frame < 3; ++frame) {
+      std::vector<Record> records;
+      for (int i = 0; i < count; ++i) {
+        const int place = frame % 2 == 0 ? i : count - 1 - i;
+        records.push_back(centred(1, static_cast<float>(place * 30 + frame), 0, 20, 20));
+      }
+      const std::vector<float> list = harness::box_list(records);
+      Results results(count), expected_results(count);
+      ox_tracker_process(tracker.get(), list.data(), results.data());
+      expected.process(list.data(), expected_results.data());
+      EXPECT_EQ(harness::difference(*tracker, expected), "");
+      EXPECT_EQ(results.size(), static_cast<std::size_t>(count));
+      EXPECT_EQ(std::memcmp(results.data(), expected_results.data(), 32 * static_cast<std::size_t>(count)), 0);
+    }
+    EXPECT_EQ(tracker->next_id, count + 1);
+  }
+}
+
+// A unit that takes subnormals as zero would find all tracks equally near, and keep the oldest.
+TEST(TrackerProcess, NearestTrackIsFoundAmongSubnormalSquares) {
+  for (const std::uint32_t any_label : {0u, 1u}) {
+    SCOPED_TRACE(any_label);
+    Params p;
+    p.any_label = any_label;
+    const TrackerPtr tracker = make_tracker(p);
+    reference::Tracker expected(p.count, p.confirm_hits, p.max_misses, p.any_label, p.near_dist2, p.iou_threshold);
+    const Record tracks[] = {centred(1, 4e-21f, 0, 0, 0), centred(1, 1e-21f, 0, 0, 0), centred(1, 8e-21f, 0, 0, 0),
+                             centred(2, 0, 0, 0, 0)};
+    for (const auto& list : {harness::box_list({tracks[0], tracks[1], tracks[2], tracks[3]}),
+                             harness::box_list({centred(1, 0, 0, 0, 0)})}) {
+      ox_tracker_process(tracker.get(), list.data(), nullptr);
+      expected.process(list.data(), nullptr);
+      EXPECT_EQ(harness::difference(*tracker, expected), "");
+    }
+    const std::vector<ox_track_t*> found = tracks_of(tracker.get());
+    ASSERT_EQ(found.size(), 4u);
+    EXPECT_EQ(tracker->det_match[0], found[any_label ? 3 : 1]);
+  }
+}
+
+TEST(TrackerProcess, ResultsEndAtTheCapacityWhereItWasLowered) {
+  Params p = confirming_at(1);
+  p.count = 2;
+  const TrackerPtr tracker = make_tracker(p);
+  reference::Tracker expected(p.count, p.confirm_hits, p.max_misses, p.any_label, p.near_dist2, p.iou_threshold);
+  const std::vector<float> two = harness::box_list({centred(1, 0, 0, 4, 4), centred(1, 50, 0, 4, 4)});
+  ox_tracker_process(tracker.get(), two.data(), nullptr);
+  expected.process(two.data(), nullptr);
+  tracker->capacity = expected.capacity = 1;
+  Results results(1), expected_results(1);
+  ox_tracker_process(tracker.get(), two.data(), results.data());
+  expected.process(two.data(), expected_results.data());
+  EXPECT_EQ(harness::difference(*tracker, expected), "");
+  EXPECT_EQ(tracker->track_count, 2);
+  EXPECT_EQ(results.at(0, 0), 1.0f);
+  EXPECT_EQ(std::memcmp(results.data(), expected_results.data(), 9 * sizeof(float)), 0);
+  EXPECT_TRUE(results.untouched(8));
+}
+
 TEST(TrackerProcess, RecordsComeOldestFirstAndSkipTentativeAndLongUnseenTracks) {
   const TrackerPtr tracker = make_tracker(confirming_at(2));
   const Record a = centred(1, 0, 0, 4, 4);

@@ -109,7 +109,7 @@ TEST(TrackerCreate, ArraysHoldZerosForEveryUnitOfCapacity) {
   // Soiled blocks of the sizes to come are given back first; fresh memory would be zero anyway.
   constexpr std::size_t kCount = 50;
   for (const std::size_t size :
-       {kCount * sizeof(ox_tracker_detection_t), kCount * sizeof(ox_track_t*), kCount * sizeof(float)}) {
+       {sizeof(ox_tracker_detection_t) * kCount, sizeof(ox_track_t*) * kCount, sizeof(float) * kCount}) {
     auto* const soiled = static_cast<volatile unsigned char*>(std::malloc(size));
     ASSERT_NE(soiled, nullptr);
     for (std::size_t i = 0; i < size; ++i) soiled[i] = 0xA5;
