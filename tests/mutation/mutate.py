@@ -51,10 +51,10 @@ TOPICS = {
     "kernels/nearest.h": "process tracker_random", "kernels/kernels.cpp": "lanes",
     "kernels/": "lanes multiply transpose add_sub", "lanes/": "lanes add_sub negate_scale multiply multiply_add",
 }
-# Tests that say nothing about the library's objects, or build by themselves for minutes.
-LEFT_OUT = re.compile(r"(digest-.*|readme_example|strangers|debs)$")
+# Tests that say nothing about the library's objects, build by themselves for minutes, or run others' programs slowly.
+LEFT_OUT = re.compile(r"(digest-.*|readme_example|strangers|debs|clang-tidy|cppcheck|.*\.(valgrind|Nehalem|Haswell))$")
 # What is copied of a build tree.
-PRODUCTS = re.compile(r"\.(o|a|so[.\d]*)$|^tests/\w+$|^tools/\w+$")
+PRODUCTS = re.compile(r"\.(o|a|so[.\d]*)$|^tests/(soak/)?\w+$|^tools/\w+$")
 
 
 def relevant(file):
