@@ -26,8 +26,8 @@ OX_INLINE FloatLanes::Vec choose(IntVec mask, FloatLanes::Vec yes, FloatLanes::V
 }
 #endif
 
-// One detection by the scalar unit.
-void plain_nearest(const NearestArgs& p, std::ptrdiff_t d) {
+// One detection by the scalar unit, for machines that flush.
+[[maybe_unused]] void plain_nearest(const NearestArgs& p, std::ptrdiff_t d) {
   const ox_tracker_detection_t& detection = p.detections[d];
   for (int t = 0; t < p.count; ++t) {
     if (p.labels[t] != (p.any_label ? 0 : detection.label)) continue;

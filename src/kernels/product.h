@@ -195,7 +195,7 @@ OX_INLINE void negate_panel(Stored<T>* panel, std::ptrdiff_t width, std::ptrdiff
 }
 
 // Rows of b that are short of a vector, or are columns of a transposed factor, or lie far apart, are brought together
-// in a panel on the stack: terms rows of `width` scalars.
+// in a panel on the stack: terms rows of `width` scalars, whole vectors unless the machine has none of the type.
 template <class L, class T>
 __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width, const Stored<T>* b,
                                           std::ptrdiff_t b_row, std::ptrdiff_t b_col, std::ptrdiff_t terms,
@@ -209,7 +209,7 @@ __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width
   if (b_col == 1)
     copy_block(from, b_row, terms, cols, to, width);
   else
-    transpose_block<true>(from, b_col, cols, terms, to, width);
+    transpose_block<(L::kCount > 1)>(from, b_col, cols, terms, to, width);
   if (negate) negate_panel(panel, width, terms, cols);
 }
 
@@ -337,7 +337,7 @@ template <class T> void product(const ProductArgs& p) {
     if (4 * p.n == L::kCount) return kernels_16.product[kDepthOf<T>](p);
   }
 #endif
-  if (!L::kMasked && p.n < L::kCount && p.m * p.n * p.k <= kPlainWork)
+  if (!L::kMasked && p.n < L::kCount && p.m <= kPlainWork && p.k <= kPlainWork && p.m * p.n * p.k <= kPlainWork)
     return plain(f, p.b_col, p.m, p.n, p.k, in<T>(p.c), out<T>(p.dst), p.n, p.subtract);
   if constexpr (kIsFloat<T> && L::kCount > 1 && !L::kMasked)
     if ((p.b_col == 1 && !p.subtract) || p.k <= kNarrowTerms) {

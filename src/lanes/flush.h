@@ -33,8 +33,12 @@ class FlushWatch {
     asm volatile("vmrs %0, fpscr" : "=r"(now)::"memory");
     return __builtin_expect((now & kFlushBits) != 0, 0);
   }
-  // After the scalar unit has computed a block again: it sets UFC too.
-  void clear() { asm volatile("vmsr fpscr, %0" ::"r"(callers_ & ~kFlushBits) : "memory"); }
+  // After the scalar unit has computed a block again: it sets UFC too. All other bits stay as they are.
+  void clear() {
+    uint32_t now;
+    asm volatile("vmrs %0, fpscr" : "=r"(now)::"memory");
+    asm volatile("vmsr fpscr, %0" ::"r"(now & ~kFlushBits) : "memory");
+  }
 
  private:
   uint32_t callers_;

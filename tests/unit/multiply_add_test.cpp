@@ -171,6 +171,17 @@ TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopForLargerShapes) {
   }
 }
 
+// What goes through a panel on the stack does so 14 KiB at a time: rows of one scalar, or of vectors of all widths.
+TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopAroundEveryPanelsEnd) {
+  support::Random random(3210);
+  Product<TypeParam> product(random, 160);
+  for (const Form form : kForms)
+    for (const std::int32_t row_bytes : {8, 16, 32, 64, 128, 256})
+      for (std::int32_t past = -1; past <= 1; ++past)
+        for (const std::int32_t n : {1, 2, 3, 5})
+          ASSERT_TRUE(product.agrees(3, n, 14 * 1024 / row_bytes + past, form));
+}
+
 TYPED_TEST(MulAddAndSubMulOfEveryDepth, TakeOneMatrixForBothFactors) {
   support::Random random(3204);
   Product<TypeParam> product(random, 40);
