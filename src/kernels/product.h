@@ -317,9 +317,6 @@ template <class L, int kVectors> __attribute__((noinline)) void narrow(const Pro
   rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, kCols, {kCols - L::kCount, {}}, watch);
 }
 
-// So few products are done before a panel is filled.
-constexpr std::ptrdiff_t kPlainWork = 64;
-
 template <class T> void product(const ProductArgs& p) {
   using L = NativeLanes<T>;
   const Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
@@ -328,17 +325,19 @@ template <class T> void product(const ProductArgs& p) {
     // A column is computed as a row, so that lanes run along it: the product of two numbers has no order.
     return product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
   }
-#if OX_LANE_BYTES == 32
+#if OX_LANE_BYTES == 16
+  constexpr std::ptrdiff_t kPlainWork = 64;  // so few products are done before a panel is filled
+  if (p.n < L::kCount && p.m <= kPlainWork && p.k <= kPlainWork && p.m * p.n * p.k <= kPlainWork)
+    return plain(f, p.b_col, p.m, p.n, p.k, in<T>(p.c), out<T>(p.dst), p.n, p.subtract);
+#elif OX_LANE_BYTES == 32
   if (p.n < L::kCount) return kernels_16.product[kDepthOf<T>](p);
-#elif OX_LANE_BYTES == 64
+#else
   // What needs a panel, and is a whole vector elsewhere, is done there: what was stored by parts is slow to load again.
   if (kIsFloat<T> && (p.b_col != 1 || p.subtract)) {
     if (2 * p.n == L::kCount) return kernels_32.product[kDepthOf<T>](p);
     if (4 * p.n == L::kCount) return kernels_16.product[kDepthOf<T>](p);
   }
 #endif
-  if (!L::kMasked && p.n < L::kCount && p.m <= kPlainWork && p.k <= kPlainWork && p.m * p.n * p.k <= kPlainWork)
-    return plain(f, p.b_col, p.m, p.n, p.k, in<T>(p.c), out<T>(p.dst), p.n, p.subtract);
   if constexpr (kIsFloat<T> && L::kCount > 1 && !L::kMasked)
     if ((p.b_col == 1 && !p.subtract) || p.k <= kNarrowTerms) {
       if (p.n == L::kCount) return narrow<L, 1>(p);
