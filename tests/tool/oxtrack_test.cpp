@@ -100,6 +100,13 @@ TEST_F(Oxtrack, ReportsFromTheConfirmingMatchOn) {
   EXPECT_EQ(rows(tracked(standing(1, 5), "--confirm-hits 4")).front().frame, 4);
 }
 
+TEST_F(Oxtrack, ReadsTheLargestScoreAsItWritesIt) {
+  const std::string most = "3.4028235e+38";
+  const Result result = track("--confirm-hits 1 " + quote(write("det.txt", standing(1, 1, most))));
+  EXPECT_NE(result.out.find(',' + most + ','), std::string::npos) << result.out;
+  expect_refused(" " + quote(write("det.txt", standing(1, 1, "3.4028236e+38"))), "is out of range");
+}
+
 TEST_F(Oxtrack, ReadsStandardInput) {
   const std::string file = write("det.txt", standing(1, 3));
   const Result result = track("--confirm-hits 1 - <" + quote(file));

@@ -65,7 +65,8 @@ class Parser {
     d.x2 = coordinate(kWidth, left + width);
     d.y2 = coordinate(kHeight, top + height);
     const double score = real(kScore);
-    if (std::fabs(score) > std::numeric_limits<float>::max()) fail(kScore, "is out of range");
+    // What rounds to the largest float is one: written at its shortest, 3.4028235e+38, that float itself is above its value.
+    if (std::fabs(score) >= 0x1.ffffffp127) fail(kScore, "is out of range");
     d.score = static_cast<float>(score);
     d.label = label();
 
