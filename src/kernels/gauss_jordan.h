@@ -14,6 +14,7 @@ namespace {
 #if defined(__arm__)
 // No vectors of doubles: eight at a time in registers of their own.
 constexpr int kDoubles = 8;
+constexpr bool kConvertsEachLane = true;
 struct DoubleVec {
   double lane[kDoubles];
 };
@@ -38,6 +39,7 @@ OX_INLINE DoubleVec operator-(const DoubleVec& a, const DoubleVec& b) {
 }
 #else
 constexpr int kDoubles = OX_LANE_BYTES / 8;
+constexpr bool kConvertsEachLane = false;
 typedef float FloatVec __attribute__((vector_size(OX_LANE_BYTES / 2)));
 typedef double DoubleVec __attribute__((vector_size(OX_LANE_BYTES)));
 OX_INLINE DoubleVec load_doubles(const float* p) {
@@ -49,13 +51,6 @@ OX_INLINE void store_doubles(float* p, DoubleVec v) {
   const FloatVec f = __builtin_convertvector(v, FloatVec);
   __builtin_memcpy(p, &f, sizeof f);
 }
-#endif
-
-// Where a vector costs a conversion a lane, the pivots of all rows are converted once.
-#if defined(__arm__)
-constexpr bool kPivotsInRegisters = true;
-#else
-constexpr bool kPivotsInRegisters = false;
 #endif
 
 constexpr std::ptrdiff_t kWorkRow = std::ptrdiff_t{2} * kMostInverse;
@@ -109,8 +104,8 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
     column[k] = ahead;
     // Cleared columns are computed too: what they become can be seen by a later, smaller call. Few vectors go one
     // after another, each against all rows, many row after row: with AVX-512 54 against 62 ns at n = 4, but 18 against
-    // 13 us at n = 40.
-    if (kPivotsInRegisters || n <= kDoubles) {
+    // 13 us at n = 40. Where each lane is converted by itself, pivots that stay in registers are worth more than either.
+    if (kConvertsEachLane || n <= kDoubles) {
       for (int32_t j = 0; j < width; j += kDoubles) {
         const DoubleVec pivots = load_doubles(work[k] + j);
         float* at = work[0] + j;

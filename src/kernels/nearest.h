@@ -40,6 +40,7 @@ OX_INLINE FloatLanes::Vec choose(IntVec mask, FloatLanes::Vec yes, FloatLanes::V
   }
 }
 
+// A template, so that machines without a flushing unit drop what looks for a flush.
 template <class L> void nearest(const NearestArgs& p) {
   Watch<L> watch;
   std::ptrdiff_t first = 0;

@@ -29,8 +29,7 @@ template <class L> struct Tail {
 // Sums start from the addend, or from -0: -0 + x is x, the sign of a zero included, so the first product is as if stored.
 template <class T> constexpr T kNoAddend = static_cast<T>(-0.0);
 
-// By the scalar unit: where the vector unit has flushed a subnormal, and where there is too little to fill a vector. The
-// factors come by value: where their address is known to nobody, they stay in registers.
+// One element by the scalar unit.
 template <class T>
 OX_INLINE void plain_dot(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, bool subtract) {
   T sum = c ? c->value : kNoAddend<T>;
@@ -41,6 +40,8 @@ OX_INLINE void plain_dot(const Factors<T>& f, std::ptrdiff_t terms, const Stored
   dst->value = sum;
 }
 
+// By the scalar unit: where the vector unit has flushed a subnormal, and where there is too little to fill a vector. The
+// factors come by value: where their address is known to nobody, they stay in registers.
 template <class T>
 __attribute__((noinline)) void plain(Factors<T> f, std::ptrdiff_t b_col, std::ptrdiff_t rows, std::ptrdiff_t cols,
                                      std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, std::ptrdiff_t pitch,
