@@ -10,14 +10,14 @@
 #if defined(__ARM_NEON) && defined(__arm__)
 #include <arm_neon.h>
 #endif
-#if OX_LANE_BYTES == 64
+#if OX_LANE_BYTES == 64 && !defined(OX_EMULATE_64)
 #include <immintrin.h>
 #endif
 
 namespace ox {
 namespace {
 
-#if defined(__AVX512F__) || defined(__aarch64__)
+#if OX_LANE_BYTES == 64 || defined(__aarch64__)
 constexpr int kVectorRegisters = 32;
 #elif defined(__i386__)
 constexpr int kVectorRegisters = 8;
@@ -168,17 +168,33 @@ OX_INLINE void load_columns_of_4(CompilerLanes<uint32_t, 16>::Vec (&columns)[4],
 
 #if OX_LANE_BYTES == 64
 // Masks for whole vectors of 64 bytes: the end of a row is loaded and stored by part.
-template <int Size> struct MaskedMoves;
-#define OX_MASKED_MOVES(size, mask_type, suffix)                                                                     \
-  template <> struct MaskedMoves<size> {                                                                             \
-    using Mask = mask_type;                                                                                          \
-    static OX_INLINE __m512i load(const void* p, Mask m) { return _mm512_maskz_loadu_##suffix(m, p); }               \
-    static OX_INLINE void store(void* p, __m512i v, Mask m) { _mm512_mask_storeu_##suffix(p, m, v); }                \
+typedef uint8_t Bytes64 __attribute__((vector_size(64)));
+#if defined(OX_EMULATE_64)
+// For tests alone, where the processor has no AVX-512 or a sanitizer is to see what is touched: by copies.
+template <int kSize> struct MaskedMoves {
+  using Mask = std::size_t;  // bytes
+  static OX_INLINE Mask mask(std::ptrdiff_t count) { return static_cast<std::size_t>(count) * kSize; }
+  static OX_INLINE Bytes64 load(const void* p, Mask bytes) {
+    Bytes64 v = {};
+    __builtin_memcpy(&v, p, bytes);
+    return v;
+  }
+  static OX_INLINE void store(void* p, Bytes64 v, Mask bytes) { __builtin_memcpy(p, &v, bytes); }
+};
+#else
+template <int kSize> struct MaskedMoves;
+#define OX_MASKED_MOVES(size, mask_type, suffix)                                                                      \
+  template <> struct MaskedMoves<size> {                                                                              \
+    using Mask = mask_type;                                                                                           \
+    static OX_INLINE Mask mask(std::ptrdiff_t count) { return static_cast<Mask>(~uint64_t{0} >> (64 - count)); }      \
+    static OX_INLINE Bytes64 load(const void* p, Mask m) { return (Bytes64)_mm512_maskz_loadu_##suffix(m, p); }       \
+    static OX_INLINE void store(void* p, Bytes64 v, Mask m) { _mm512_mask_storeu_##suffix(p, m, (__m512i)v); }        \
   };
 OX_MASKED_MOVES(1, __mmask64, epi8)
 OX_MASKED_MOVES(2, __mmask32, epi16)
 OX_MASKED_MOVES(4, __mmask16, epi32)
 OX_MASKED_MOVES(8, __mmask8, epi64)
+#endif
 
 template <class Base> struct MaskedLanes : Base {
   using T = typename Base::Scalar;
@@ -187,11 +203,11 @@ template <class Base> struct MaskedLanes : Base {
   using Mask = typename Moves::Mask;
   static constexpr bool kMasked = true;
   // The first count lanes, 1 to kCount of them.
-  static OX_INLINE Mask mask(std::ptrdiff_t count) { return static_cast<Mask>(~uint64_t{0} >> (64 - count)); }
+  static OX_INLINE Mask mask(std::ptrdiff_t count) { return Moves::mask(count); }
   using Base::load;
   using Base::store;
   static OX_INLINE Vec load(const Stored<T>* p, Mask m) { return (Vec)Moves::load(p, m); }
-  static OX_INLINE void store(Stored<T>* p, Vec v, Mask m) { Moves::store(p, (__m512i)v, m); }
+  static OX_INLINE void store(Stored<T>* p, Vec v, Mask m) { Moves::store(p, (Bytes64)v, m); }
 };
 template <class T> using NativeLanes = MaskedLanes<Lanes<T, 64>>;
 #else

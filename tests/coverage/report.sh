@@ -9,26 +9,17 @@ cd "$here/../.."
 rm -rf "$report"
 mkdir -p "$report"
 
-# Code for vectors of 64 bytes runs on a processor that has them; elsewhere its object file would say nothing.
-left_out=
-if [ "$(uname -m)" = x86_64 ]; then
-  for feature in avx512f avx512bw avx512dq avx512vl; do
-    grep -qw "$feature" /proc/cpuinfo || left_out=width_64
-  done
-fi
-[ -z "$left_out" ] || echo "This processor has no AVX-512: $left_out.cpp cannot run and is left out."
-
 # Not the source's: branches of exceptions, and those that gcc puts on lines without a statement.
 gcovr=(gcovr --root . --exclude-throw-branches --exclude-unreachable-branches)
 
-# The data of the objects there are now, apart from what is left out, into a directory of their own.
+# The data of the objects there are now into a directory of their own.
 count() { # BUILD GCOV NAME
   local notes object
   mkdir "$report/$3"
   cd "$1"
   find . -path ./tests -prune -o -name '*.gcno' -print | while read -r notes; do
     object=${notes%.gcno}
-    [ -f "$object.o" ] && [ "${object##*/}" != "$left_out.cpp" ] || continue
+    [ -f "$object.o" ] || continue
     find . -path "$object.gc*" -exec cp --parents -t "$report/$3" {} +
   done
   cd "$report/$3"

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "kernels/kernels.h"
 #include "reference/kalman.h"
 #include "reference/matrix.h"
+#include "widths.h"
 
 namespace fuzz {
 
@@ -46,10 +46,10 @@ class Input {
   std::size_t at_ = 0;
 };
 
-// Of the widths that this processor has.
+// Of all widths, emulated ones too.
 inline void choose_width(std::uint8_t byte) {
 #if defined(__x86_64__)
-  static const ox::Kernels* const kernels[] = {ox::kernels_of(16), ox::kernels_of(32), ox::kernels_of(64)};
+  static const ox::Kernels* const kernels[] = {kernels_for_test(16), kernels_for_test(32), kernels_for_test(64)};
   ox::chosen_kernels = kernels[byte % 3];
 #else
   static_cast<void>(byte);

@@ -156,6 +156,8 @@ class Stage:
             self.tests.append((name, test["command"], environment, properties.get("SKIP_RETURN_CODE")))
         self.sanitized = any(w.startswith("-fsanitize") for words in self.commands.values() for w in words)
         self.native = any(o.endswith("width_32.cpp.o") for o in self.commands)
+        self.emulates = any("-DOX_EMULATE_64" in words for words in self.commands.values())
+        self.widest = 64 if self.emulates and WIDEST >= 32 else WIDEST
         self.lock = threading.Lock()
         self.times_file = WORK / f"times.{self.name}.json"
         try:
@@ -177,10 +179,13 @@ class Stage:
         first = relevant(file)
         own = lambda name: name.split(".")[0] in first
         by_width = file.startswith(("kernels/", "lanes/"))
+        # The run without a width is at the widest; where widths are emulated, each has its own run and there is none.
+        at_widest = lambda name: name.endswith(f".{self.widest}") if self.emulates else "." not in name
+        again = lambda name: not self.emulates and name.endswith(f".{self.widest}")
         rank = lambda name: (name.endswith(("Nehalem", "Haswell")),
                              first.index(name.split(".")[0]) if own(name) else len(first))
-        return sorted((t for t in self.tests if (by_width or own(t[0]) or "." not in t[0])
-                       and not t[0].endswith(f".{WIDEST}")), key=lambda t: rank(t[0]))
+        return sorted((t for t in self.tests if (by_width or own(t[0]) or at_widest(t[0])) and not again(t[0])),
+                      key=lambda t: rank(t[0]))
 
 
 class Place:
@@ -359,7 +364,7 @@ def judge(place, stages, fault, listed, log):
                         break
                     changed += some
                     # A narrow width by itself first: most faults need no other to be compiled.
-                    if changed and width and width < WIDEST and (width, batch) != batches[-1]:
+                    if changed and width and width < stage.widest and (width, batch) != batches[-1]:
                         own = [t for t in stage.order(fault.file) if t[0] in
                                [f"{topic}.{width}" for topic in relevant(fault.file)]]
                         by = find(place, stage, own, log)
@@ -367,8 +372,8 @@ def judge(place, stages, fault, listed, log):
                             record["stages"].append(stage.name)
                             return dict(record, status="killed", by=by)
                         passed |= {t[0] for t in own}
-                    if width == WIDEST and changed:
-                        break  # the processor has no wider ones
+                    if width == stage.widest and changed:
+                        break  # no wider ones can run
                 if some is None:
                     if not differs:
                         return dict(record, status="no compile")
@@ -376,7 +381,8 @@ def judge(place, stages, fault, listed, log):
                 if not changed:
                     continue
                 differs = True
-                if stage.native and all(width_of(o) > WIDEST for o in changed):
+                if stage.native and all(width_of(o) > stage.widest for o in changed):
+                    seen_natively = True
                     continue
                 record["stages"].append(stage.name)
                 tests = [t for t in stage.order(fault.file) if t[0] not in passed]
@@ -474,7 +480,8 @@ def report(results, known, arguments, seconds):
     table("kind", lambda r: r["group"])
     other = collections.Counter(r["status"] for r in results)
     lines += [f"Not counted, drawn again: {other['no compile']} did not compile, {other['same code']} gave the same"
-              f" code, {other['not run']} concern vectors that this processor ({WIDEST} bytes) has not.", "", "| killed by | |", "|---|--:|"]
+              f" code, {other['not run']} concern vectors that neither this processor ({WIDEST} bytes) has nor a stage"
+              " emulates.", "", "| killed by | |", "|---|--:|"]
     killers = collections.Counter(r["by"].split(":")[0] for r in counted if r["status"] == "killed")
     lines += [f"| {name} | {n} |" for name, n in killers.most_common()]
     for title, wanted in (("Survivors", lambda r: not is_known(r)), ("Known to be equivalent", is_known)):
