@@ -12,46 +12,61 @@ namespace ox {
 namespace {
 
 #if defined(__arm__)
-// No vectors of doubles: eight at a time in registers of their own.
+// No vectors of doubles: as many as are asked for, in registers of their own.
 constexpr int kDoubles = 8;
 constexpr bool kConvertsEachLane = true;
-struct DoubleVec {
-  double lane[kDoubles];
-};
-template <class Value> OX_INLINE DoubleVec each_double(Value value) {
-  DoubleVec v;
+template <class T, int n> struct Each { T lane[n]; };
+template <int n> using Floats = Each<float, n>;
+template <int n> using Doubles = Each<double, n>;
+template <class V, class Value> OX_INLINE V each_lane(Value value) {
+  V v;
 #pragma GCC unroll 8
-  for (int i = 0; i < kDoubles; ++i) v.lane[i] = value(i);
+  for (int i = 0; i < static_cast<int>(sizeof v.lane / sizeof *v.lane); ++i) v.lane[i] = value(i);
   return v;
 }
-OX_INLINE DoubleVec load_doubles(const float* p) {
-  return each_double([=](int i) { return static_cast<double>(p[i]); });
+template <int n> OX_INLINE Doubles<n> operator*(const Doubles<n>& v, double x) {
+  return each_lane<Doubles<n>>([&](int i) { return v.lane[i] * x; });
 }
-OX_INLINE void store_doubles(float* p, const DoubleVec& v) {
+template <int n> OX_INLINE Doubles<n> operator-(const Doubles<n>& a, const Doubles<n>& b) {
+  return each_lane<Doubles<n>>([&](int i) { return a.lane[i] - b.lane[i]; });
+}
+template <int n> OX_INLINE Doubles<n> widened(const Floats<n>& v) {
+  return each_lane<Doubles<n>>([&](int i) { return static_cast<double>(v.lane[i]); });
+}
+template <int n> OX_INLINE Floats<n> rounded(const Doubles<n>& v) {
+  return each_lane<Floats<n>>([&](int i) { return static_cast<float>(v.lane[i]); });
+}
+template <int n> OX_INLINE float lane_of(const Floats<n>& v, int i) { return v.lane[i]; }
+template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
+  return each_lane<Floats<n>>([=](int i) { return p[i].value; });
+}
+template <int n> OX_INLINE void store_floats(Stored<float>* p, const Floats<n>& v) {
 #pragma GCC unroll 8
-  for (int i = 0; i < kDoubles; ++i) p[i] = static_cast<float>(v.lane[i]);
-}
-OX_INLINE DoubleVec operator*(const DoubleVec& v, double x) {
-  return each_double([&](int i) { return v.lane[i] * x; });
-}
-OX_INLINE DoubleVec operator-(const DoubleVec& a, const DoubleVec& b) {
-  return each_double([&](int i) { return a.lane[i] - b.lane[i]; });
+  for (int i = 0; i < n; ++i) p[i].value = v.lane[i];
 }
 #else
 constexpr int kDoubles = OX_LANE_BYTES / 8;
 constexpr bool kConvertsEachLane = false;
-typedef float FloatVec __attribute__((vector_size(OX_LANE_BYTES / 2)));
-typedef double DoubleVec __attribute__((vector_size(OX_LANE_BYTES)));
-OX_INLINE DoubleVec load_doubles(const float* p) {
-  FloatVec v;
+template <class T, int n> struct VectorOf { typedef T Vec __attribute__((vector_size(n * sizeof(T)))); };
+template <int n> using Floats = typename VectorOf<float, n>::Vec;
+template <int n> using Doubles = typename VectorOf<double, n>::Vec;
+template <int n> OX_INLINE Doubles<n> widened(Floats<n> v) { return __builtin_convertvector(v, Doubles<n>); }
+template <int n> OX_INLINE Floats<n> rounded(Doubles<n> v) { return __builtin_convertvector(v, Floats<n>); }
+template <int n> OX_INLINE float lane_of(Floats<n> v, int i) { return v[i]; }
+template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
+  Floats<n> v;
   __builtin_memcpy(&v, p, sizeof v);
-  return __builtin_convertvector(v, DoubleVec);
+  return v;
 }
-OX_INLINE void store_doubles(float* p, DoubleVec v) {
-  const FloatVec f = __builtin_convertvector(v, FloatVec);
-  __builtin_memcpy(p, &f, sizeof f);
-}
+template <int n> OX_INLINE void store_floats(Stored<float>* p, Floats<n> v) { __builtin_memcpy(p, &v, sizeof v); }
 #endif
+
+OX_INLINE Doubles<kDoubles> load_doubles(const float* p) {
+  return widened<kDoubles>(load_floats<kDoubles>(in<float>(p)));
+}
+OX_INLINE void store_doubles(float* p, const Doubles<kDoubles>& v) {
+  store_floats<kDoubles>(out<float>(p), rounded<kDoubles>(v));
+}
 
 constexpr std::ptrdiff_t kWorkRow = std::ptrdiff_t{2} * kMostInverse;
 
@@ -83,7 +98,51 @@ void augment(InverseWork& work, const Stored<float>* src, int32_t n) {
   }
 }
 
+// A step of the elimination for n = 4, column k. False where the pivot is zero: then nothing is done.
+template <int k> OX_INLINE bool step_of_4(Floats<4> (&a)[4], Floats<4> (&inverse)[4], double (&column)[4]) {
+  const double pivot = column[k];
+  if (pivot == 0.0) return false;
+  const Doubles<4> left = widened<4>(a[k]), right = widened<4>(inverse[k]);
+  constexpr int kNext = k < 3 ? k + 1 : k;
+  const double ahead = static_cast<double>(lane_of<4>(a[k], kNext));
+#pragma GCC unroll 4
+  for (int i = 0; i < 4; ++i) {
+    if (i == k) continue;
+    const double factor = column[i] / pivot;
+    column[i] = static_cast<double>(static_cast<float>(static_cast<double>(lane_of<4>(a[i], kNext)) - ahead * factor));
+    a[i] = rounded<4>(widened<4>(a[i]) - left * factor);
+    inverse[i] = rounded<4>(widened<4>(inverse[i]) - right * factor);
+  }
+  column[k] = ahead;
+  return true;
+}
+
+// n = 4, a tracker's, with [A | I] in registers. False, and nothing is written, where rows have to be exchanged.
+bool invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
+  Floats<4> a[4], inverse[4];
+  double column[4];
+#pragma GCC unroll 4
+  for (int r = 0; r < 4; ++r) {
+    a[r] = load_floats<4>(src + 4 * r);
+    inverse[r] = Floats<4>{r == 0 ? 1.0f : 0.0f, r == 1 ? 1.0f : 0.0f, r == 2 ? 1.0f : 0.0f, r == 3 ? 1.0f : 0.0f};
+    column[r] = static_cast<double>(src[4 * r].value);
+  }
+  if (!step_of_4<0>(a, inverse, column) || !step_of_4<1>(a, inverse, column) || !step_of_4<2>(a, inverse, column) ||
+      !step_of_4<3>(a, inverse, column))
+    return false;
+#pragma GCC unroll 4
+  for (int r = 0; r < 4; ++r) {
+    const double reciprocal = 1.0 / static_cast<double>(lane_of<4>(a[r], r));
+    inverse[r] = rounded<4>(widened<4>(inverse[r]) * reciprocal);
+    store_floats<4>(dst + 4 * r, inverse[r]);
+    store_floats<4>(out<float>(work[r] + 4), inverse[r]);
+    store_floats<4>(out<float>(work[r]), rounded<4>(widened<4>(a[r]) * reciprocal));
+  }
+  return true;
+}
+
 void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
+  if (n == 4 && invert_4(work, in<float>(src), out<float>(dst))) return;
   const int32_t width = 2 * n;
   augment(work, in<float>(src), n);
   // Column k, ahead of the rows it belongs to: the divisions of the next step wait for these numbers alone, not for whole
@@ -107,13 +166,13 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
     // 13 us at n = 40. Where each lane is converted by itself, pivots that stay in registers are worth more than either.
     if (kConvertsEachLane || n <= kDoubles) {
       for (int32_t j = 0; j < width; j += kDoubles) {
-        const DoubleVec pivots = load_doubles(work[k] + j);
+        const Doubles<kDoubles> pivots = load_doubles(work[k] + j);
         float* at = work[0] + j;
         for (int32_t i = 0; i < n; ++i, at += kWorkRow)
           if (i != k) store_doubles(at, load_doubles(at) - pivots * factors[i]);
       }
     } else {
-      DoubleVec pivots[2 * kMostInverse / kDoubles];
+      Doubles<kDoubles> pivots[2 * kMostInverse / kDoubles];
       for (int32_t j = 0; j < width; j += kDoubles) pivots[j / kDoubles] = load_doubles(work[k] + j);
       for (int32_t i = 0; i < n; ++i) {
         if (i == k) continue;
