@@ -318,6 +318,48 @@ template <class L, int kVectors> __attribute__((noinline)) void narrow(const Pro
   rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, kCols, {kCols - L::kCount, {}}, watch);
 }
 
+// One such row, by columns of b that stand in a row each: a matrix times a column. They are transposed in registers.
+template <class L, int kVectors> __attribute__((noinline)) void row_by_columns(const ProductArgs& p) {
+  using T = typename L::Scalar;
+  using Bits = typename BitsOfSize<sizeof(T)>::type;
+  constexpr int kPart = kColumnsAtOnce<T>;
+  const Stored<T>* const c = in<T>(p.c);
+  typename L::Sum sums[kVectors];
+#pragma GCC unroll 4
+  for (int v = 0; v < kVectors; ++v) sums[v] = L::start(c ? L::load(c + v * L::kCount) : L::splat(kNoAddend<T>));
+  Watch<L> watch;
+  const Stored<T>* a = in<T>(p.a);
+  const Stored<Bits>* b = in<Bits>(p.b);
+  for (std::ptrdiff_t k = 0; k < p.k; k += kPart, b += kPart) {
+    typename L::Factor factors[kPart];
+#pragma GCC unroll 4
+    for (int i = 0; i < kPart; ++i, a += p.a_col) factors[i] = L::factor(p.subtract ? -a->value : a->value);
+#pragma GCC unroll 4
+    for (int v = 0; v < kVectors; ++v) {
+      typename CompilerLanes<Bits, OX_LANE_BYTES>::Vec columns[kPart];
+      load_columns(columns, b + v * L::kCount * p.b_col, p.b_col, L::kCount);
+#pragma GCC unroll 4
+      for (int i = 0; i < kPart; ++i) sums[v] = L::mul_add(sums[v], factors[i], (typename L::Vec)columns[i]);
+    }
+  }
+#pragma GCC unroll 4
+  for (int v = 0; v < kVectors; ++v) watch.await(sums[v]);
+  if constexpr (L::kFlushes)
+    if (watch.tripped()) {
+      plain<T>({in<T>(p.a), 0, p.a_col, in<T>(p.b), 1}, p.b_col, 1, p.n, p.k, c, out<T>(p.dst), p.n, p.subtract);
+      return watch.clear();
+    }
+#pragma GCC unroll 4
+  for (int v = 0; v < kVectors; ++v) L::store(out<T>(p.dst) + v * L::kCount, L::finish(sums[v]));
+}
+
+template <class L, int kVectors, class T = typename L::Scalar> OX_INLINE void whole_vectors(const ProductArgs& p) {
+  // Wider vectors take longer to transpose than to go through the panel.
+  if constexpr (OX_LANE_BYTES == 16)
+    if (p.m == 1 && p.b_col != 1 && p.k % kColumnsAtOnce<T> == 0) return row_by_columns<L, kVectors>(p);
+  narrow<L, kVectors>(p);
+}
+
 template <class T> void product(const ProductArgs& p) {
   using L = NativeLanes<T>;
   const Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
@@ -341,8 +383,8 @@ template <class T> void product(const ProductArgs& p) {
 #endif
   if constexpr (kIsFloat<T> && L::kCount > 1 && !L::kMasked)
     if ((p.b_col == 1 && !p.subtract) || p.k <= kNarrowTerms) {
-      if (p.n == L::kCount) return narrow<L, 1>(p);
-      if (p.n == 2 * L::kCount) return narrow<L, 2>(p);
+      if (p.n == L::kCount) return whole_vectors<L, 1>(p);
+      if (p.n == 2 * L::kCount) return whole_vectors<L, 2>(p);
     }
   product_in<L>(p);
 }

@@ -59,6 +59,9 @@ template <int kPart, int kLanes, class Vec> OX_INLINE void transpose_squares(Vec
   }
 }
 
+// How many columns are transposed together: as many as fill 16 bytes of a row.
+template <class T> constexpr int kColumnsAtOnce = 16 / int{sizeof(T)};
+
 // The first kPart columns of as many rows as a vector has lanes, a vector each; zeros for rows from `rows` on.
 template <class T, int kPart, class Vec>
 OX_INLINE void load_columns(Vec (&columns)[kPart], const Stored<T>* src, std::ptrdiff_t row, std::ptrdiff_t rows) {
@@ -75,7 +78,7 @@ template <bool kPadded, class T>
 OX_INLINE void transpose_strip(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols,
                                Stored<T>* dst, std::ptrdiff_t dst_row) {
   using L = CompilerLanes<T, OX_LANE_BYTES>;
-  constexpr int kPart = 16 / sizeof(T);
+  constexpr int kPart = kColumnsAtOnce<T>;
   for (std::ptrdiff_t i = 0; i < rows; i += L::kCount) {
     const std::ptrdiff_t high = rows - i < L::kCount ? rows - i : L::kCount;
     const Stored<T>* const from = src + i * src_row;
