@@ -360,6 +360,67 @@ template <class L, int kVectors, class T = typename L::Scalar> OX_INLINE void wh
   narrow<L, kVectors>(p);
 }
 
+// Rows of two or three floats, loaded and stored by parts.
+template <class L, int kCols, class T>
+OX_INLINE typename L::Vec load_short(const Stored<T>* p, std::ptrdiff_t next) {
+  typedef T Pair __attribute__((vector_size(8)));
+  Pair low = {p->value, p[next].value}, high = {};
+  if (next == 1) __builtin_memcpy(&low, p, sizeof low);
+  if (kCols == 3) high[0] = p[2 * next].value;
+  return (typename L::Vec)__builtin_shufflevector(low, high, 0, 1, 2, 3);
+}
+template <class L, int kCols, class T> OX_INLINE void store_short(Stored<T>* p, typename L::Vec v) {
+  for (int i = 0; i < kCols; ++i) p[i].value = v[i];
+}
+
+template <class L, int kCols, int kRows, class T>
+OX_INLINE void short_tile(const Factors<T>& f, std::ptrdiff_t b_col, std::ptrdiff_t terms, const Stored<T>* c,
+                          Stored<T>* dst, bool subtract, Watch<L>& watch) {
+  typename L::Sum sums[kRows];
+#pragma GCC unroll 4
+  for (int r = 0; r < kRows; ++r)
+    sums[r] = L::start(c ? load_short<L, kCols>(c + r * kCols, 1) : L::splat(kNoAddend<T>));
+  const Stored<T>* a = f.a;
+  const Stored<T>* b = f.b;
+  for (std::ptrdiff_t k = 0; k < terms; ++k, a += f.a_col, b += f.b_row) {
+    const auto row = b_col == 1 ? load_short<L, kCols>(b, 1) : load_short<L, kCols>(b, b_col);
+#pragma GCC unroll 4
+    for (int r = 0; r < kRows; ++r) {
+      const T x = a[r * f.a_row].value;
+      sums[r] = L::mul_add(sums[r], L::factor(subtract ? ox::sub(kNoAddend<T>, x) : x), row);
+    }
+  }
+#pragma GCC unroll 4
+  for (int r = 0; r < kRows; ++r) watch.await(sums[r]);
+  if constexpr (L::kFlushes)
+    if (watch.tripped()) {
+      plain(f, b_col, kRows, kCols, terms, c, dst, kCols, subtract);
+      return watch.clear();
+    }
+#pragma GCC unroll 4
+  for (int r = 0; r < kRows; ++r) store_short<L, kCols>(dst + r * kCols, L::finish(sums[r]));
+}
+
+template <class L, int kCols> __attribute__((noinline)) void short_rows(const ProductArgs& p) {
+  using T = typename L::Scalar;
+  Watch<L> watch;
+  Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
+  const Stored<T>* c = in<T>(p.c);
+  Stored<T>* dst = out<T>(p.dst);
+  std::ptrdiff_t rows = p.m;
+  const auto tiles_of = [&](auto tile_rows) {
+    constexpr int kRows = decltype(tile_rows)::value;
+    for (; rows >= kRows; rows -= kRows) {
+      short_tile<L, kCols, kRows>(f, p.b_col, p.k, c, dst, p.subtract, watch);
+      f.a += kRows * f.a_row;
+      dst += kRows * kCols;
+      if (c) c += kRows * kCols;
+    }
+  };
+  tiles_of(std::integral_constant<int, kCols>{});
+  tiles_of(std::integral_constant<int, 1>{});
+}
+
 template <class T> void product(const ProductArgs& p) {
   using L = NativeLanes<T>;
   const Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
@@ -369,6 +430,10 @@ template <class T> void product(const ProductArgs& p) {
     return product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
   }
 #if OX_LANE_BYTES == 16
+  if constexpr (kIsFloat<T> && L::kCount == 4) {
+    if (p.n == 2) return short_rows<L, 2>(p);
+    if (p.n == 3) return short_rows<L, 3>(p);
+  }
   constexpr std::ptrdiff_t kPlainWork = 64;  // so few products are done before a panel is filled
   if (p.n < L::kCount && p.m <= kPlainWork && p.k <= kPlainWork && p.m * p.n * p.k <= kPlainWork)
     return plain(f, p.b_col, p.m, p.n, p.k, in<T>(p.c), out<T>(p.dst), p.n, p.subtract);
