@@ -175,8 +175,8 @@ __attribute__((noinline)) void band(const ProductArgs& p, std::ptrdiff_t cols, W
   rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, p.n, tail, watch);
 }
 
-// What is subtracted goes into a panel negated: c - a * b is c + a * -b to the last bit, as rounding knows no sign, so
-// subtraction needs no kernel of its own.
+// What is subtracted goes into a panel negated; where there is no panel, the other factor is. c - a * b is c + a * -b to
+// the last bit, as rounding knows no sign, so subtraction needs no kernel of its own.
 template <class T>
 OX_INLINE void negate_panel(Stored<T>* panel, std::ptrdiff_t width, std::ptrdiff_t terms, std::ptrdiff_t cols) {
   using Bits = typename BitsOfSize<sizeof(T)>::type;
@@ -266,7 +266,7 @@ OX_INLINE void columns(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watc
     band_by_panels<L, kVectors>(p, cols, watch);
 }
 
-template <class L> void product_in(const ProductArgs& whole) {
+template <class L> __attribute__((noinline)) void product_in(const ProductArgs& whole) {
   using T = typename L::Scalar;
   Watch<L> watch;
   if (whole.n <= L::kCount) return columns<L, 1>(whole, whole.n, watch);
@@ -421,14 +421,18 @@ template <class L, int kCols> __attribute__((noinline)) void short_rows(const Pr
   tiles_of(std::integral_constant<int, 1>{});
 }
 
+template <class T> void product(const ProductArgs& p);
+
+// A column is computed as a row, so that lanes run along it: the product of two numbers has no order. Out of line, as all
+// that needs room on the stack: what only chooses a way should save no registers.
+template <class T> __attribute__((noinline)) void column_product(const ProductArgs& p) {
+  if (p.m > 1) return product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
+  plain_dot<T>({in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row}, p.k, in<T>(p.c), out<T>(p.dst), p.subtract);
+}
+
 template <class T> void product(const ProductArgs& p) {
   using L = NativeLanes<T>;
-  const Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
-  if (p.n == 1) {
-    if (p.m == 1) return plain_dot(f, p.k, in<T>(p.c), out<T>(p.dst), p.subtract);
-    // A column is computed as a row, so that lanes run along it: the product of two numbers has no order.
-    return product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
-  }
+  if (p.n == 1) return column_product<T>(p);
 #if OX_LANE_BYTES == 16
   if constexpr (kIsFloat<T> && L::kCount == 4) {
     if (p.n == 2) return short_rows<L, 2>(p);
@@ -436,7 +440,8 @@ template <class T> void product(const ProductArgs& p) {
   }
   constexpr std::ptrdiff_t kPlainWork = 64;  // so few products are done before a panel is filled
   if (p.n < L::kCount && p.m <= kPlainWork && p.k <= kPlainWork && p.m * p.n * p.k <= kPlainWork)
-    return plain(f, p.b_col, p.m, p.n, p.k, in<T>(p.c), out<T>(p.dst), p.n, p.subtract);
+    return plain<T>({in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row}, p.b_col, p.m, p.n, p.k, in<T>(p.c),
+                    out<T>(p.dst), p.n, p.subtract);
 #elif OX_LANE_BYTES == 32
   if (p.n < L::kCount) return kernels_16.product[kDepthOf<T>](p);
 #else
