@@ -122,19 +122,19 @@ bool invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
   Floats<4> a[4], inverse[4];
   double column[4];
 #pragma GCC unroll 4
-  for (int r = 0; r < 4; ++r) {
-    a[r] = load_floats<4>(src + 4 * r);
+  for (int r = 0; r < 4; ++r, src += 4) {
+    a[r] = load_floats<4>(src);
     inverse[r] = Floats<4>{r == 0 ? 1.0f : 0.0f, r == 1 ? 1.0f : 0.0f, r == 2 ? 1.0f : 0.0f, r == 3 ? 1.0f : 0.0f};
-    column[r] = static_cast<double>(src[4 * r].value);
+    column[r] = static_cast<double>(src->value);
   }
   if (!step_of_4<0>(a, inverse, column) || !step_of_4<1>(a, inverse, column) || !step_of_4<2>(a, inverse, column) ||
       !step_of_4<3>(a, inverse, column))
     return false;
 #pragma GCC unroll 4
-  for (int r = 0; r < 4; ++r) {
+  for (int r = 0; r < 4; ++r, dst += 4) {
     const double reciprocal = 1.0 / static_cast<double>(lane_of<4>(a[r], r));
     inverse[r] = rounded<4>(widened<4>(inverse[r]) * reciprocal);
-    store_floats<4>(dst + 4 * r, inverse[r]);
+    store_floats<4>(dst, inverse[r]);
     store_floats<4>(out<float>(work[r] + 4), inverse[r]);
     store_floats<4>(out<float>(work[r]), rounded<4>(widened<4>(a[r]) * reciprocal));
   }
@@ -164,12 +164,12 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
     }
     column[k] = ahead;
     // Until rows are exchanged, the pivot row is +0 behind column n + k, and no row changes there. Not so by a factor that
-    // is infinite or a NaN; but that leaves no number in the row's half of A, on its diagonal neither, and every column
-    // here meets a factor made of that half: at the end the row is all NaN in either way.
-    const int32_t used = exchanged ? width : n + k + 1;
-    // Cleared columns are computed too: what they become can be seen by a later, smaller call. Few vectors go one
-    // after another, each against all rows, many row after row: with AVX-512 54 against 62 ns at n = 4, but 18 against
-    // 13 us at n = 40. Where each lane is converted by itself, pivots that stay in registers are worth more than either.
+    // is infinite or a NaN, but then none of the row's later factors is a number, and they make NaNs of what was left out;
+    // the last column of the last row meets no later one than that of step n - 2. docs/numerics.md has the argument.
+    const int32_t used = exchanged || k >= n - 2 ? width : n + k + 1;
+    // Cleared columns are computed too: what they become can be seen by a later, smaller call. Few vectors go one after
+    // another, each against all rows; many go row after row: with AVX-512 13 against 18 us at n = 40. Where each lane is
+    // converted by itself, pivots that stay in registers are worth more than either.
     if (kConvertsEachLane || n <= kDoubles) {
       for (int32_t j = 0; j < used; j += kDoubles) {
         const Doubles<kDoubles> pivots = load_doubles(work[k] + j);
