@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The hook of the tests: the kernels for vectors of so many bytes, or of fewer where the processor has no such vectors.
-// The library itself never chooses emulated ones.
+// Where a build emulates 64 bytes, the library itself takes them only on a processor that has such vectors.
 #pragma once
 
 #include "kernels/kernels.h"
