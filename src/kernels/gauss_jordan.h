@@ -37,6 +37,9 @@ template <int n> OX_INLINE Floats<n> rounded(const Doubles<n>& v) {
   return each_lane<Floats<n>>([&](int i) { return static_cast<float>(v.lane[i]); });
 }
 template <int n> OX_INLINE float lane_of(const Floats<n>& v, int i) { return v.lane[i]; }
+template <int n> OX_INLINE Floats<n> unit(std::ptrdiff_t lane) {
+  return each_lane<Floats<n>>([=](int i) { return i == lane ? 1.0f : 0.0f; });
+}
 template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
   return each_lane<Floats<n>>([=](int i) { return p[i].value; });
 }
@@ -50,9 +53,14 @@ constexpr bool kConvertsEachLane = false;
 template <class T, int n> struct VectorOf { typedef T Vec __attribute__((vector_size(n * sizeof(T)))); };
 template <int n> using Floats = typename VectorOf<float, n>::Vec;
 template <int n> using Doubles = typename VectorOf<double, n>::Vec;
-template <int n> OX_INLINE Doubles<n> widened(Floats<n> v) { return __builtin_convertvector(v, Doubles<n>); }
+template <int n> OX_INLINE Doubles<n> widened(Floats<n> v) { return to_doubles<Doubles<n>>(v); }
 template <int n> OX_INLINE Floats<n> rounded(Doubles<n> v) { return __builtin_convertvector(v, Floats<n>); }
 template <int n> OX_INLINE float lane_of(Floats<n> v, int i) { return v[i]; }
+template <int n> OX_INLINE Floats<n> unit(std::ptrdiff_t lane) {
+  Floats<n> v = {};
+  if (lane >= 0 && lane < n) v[lane] = 1.0f;
+  return v;
+}
 template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
   Floats<n> v;
   __builtin_memcpy(&v, p, sizeof v);
@@ -98,20 +106,39 @@ void augment(InverseWork& work, const Stored<float>* src, int32_t n) {
   }
 }
 
-// A step of the elimination for n = 4, column k. False where the pivot is zero: then nothing is done.
-template <int k> OX_INLINE bool step_of_4(Floats<4> (&a)[4], Floats<4> (&inverse)[4], double (&column)[4]) {
+#if OX_LANE_BYTES == 64
+// Four doubles are 32 bytes.
+bool invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
+  kernels_32.gauss_jordan(work, 4, src, dst);
+  return true;
+}
+#else
+// A row of [A | I] for n = 4, in parts.
+constexpr int kPartOf4 = kConvertsEachLane || kDoubles > 4 ? 4 : kDoubles, kPartsOf4 = 8 / kPartOf4;
+struct RowOf4 {
+  Floats<kPartOf4> part[kPartsOf4];
+  OX_INLINE double at(int column) const {
+    return static_cast<double>(lane_of<kPartOf4>(part[column / kPartOf4], column % kPartOf4));
+  }
+};
+
+// A step of the elimination, column k. False where the pivot is zero: then nothing is done.
+template <int k> OX_INLINE bool step_of_4(RowOf4 (&rows)[4], double (&column)[4]) {
   const double pivot = column[k];
   if (pivot == 0.0) return false;
-  const Doubles<4> left = widened<4>(a[k]), right = widened<4>(inverse[k]);
+  Doubles<kPartOf4> pivots[kPartsOf4];
+#pragma GCC unroll 4
+  for (int p = 0; p < kPartsOf4; ++p) pivots[p] = widened<kPartOf4>(rows[k].part[p]);
   constexpr int kNext = k < 3 ? k + 1 : k;
-  const double ahead = static_cast<double>(lane_of<4>(a[k], kNext));
+  const double ahead = rows[k].at(kNext);
 #pragma GCC unroll 4
   for (int i = 0; i < 4; ++i) {
     if (i == k) continue;
     const double factor = column[i] / pivot;
-    column[i] = static_cast<double>(static_cast<float>(static_cast<double>(lane_of<4>(a[i], kNext)) - ahead * factor));
-    a[i] = rounded<4>(widened<4>(a[i]) - left * factor);
-    inverse[i] = rounded<4>(widened<4>(inverse[i]) - right * factor);
+    column[i] = static_cast<double>(static_cast<float>(rows[i].at(kNext) - ahead * factor));
+#pragma GCC unroll 4
+    for (int p = 0; p < kPartsOf4; ++p)
+      rows[i].part[p] = rounded<kPartOf4>(widened<kPartOf4>(rows[i].part[p]) - pivots[p] * factor);
   }
   column[k] = ahead;
   return true;
@@ -119,26 +146,63 @@ template <int k> OX_INLINE bool step_of_4(Floats<4> (&a)[4], Floats<4> (&inverse
 
 // n = 4, a tracker's, with [A | I] in registers. False, and nothing is written, where rows have to be exchanged.
 bool invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
-  Floats<4> a[4], inverse[4];
+  RowOf4 rows[4];
   double column[4];
 #pragma GCC unroll 4
   for (int r = 0; r < 4; ++r, src += 4) {
-    a[r] = load_floats<4>(src);
-    inverse[r] = Floats<4>{r == 0 ? 1.0f : 0.0f, r == 1 ? 1.0f : 0.0f, r == 2 ? 1.0f : 0.0f, r == 3 ? 1.0f : 0.0f};
+#pragma GCC unroll 4
+    for (std::ptrdiff_t p = 0; p < kPartsOf4 / 2; ++p) {
+      rows[r].part[p] = load_floats<kPartOf4>(src + p * kPartOf4);
+      rows[r].part[kPartsOf4 / 2 + p] = unit<kPartOf4>(r - p * kPartOf4);
+    }
     column[r] = static_cast<double>(src->value);
   }
-  if (!step_of_4<0>(a, inverse, column) || !step_of_4<1>(a, inverse, column) || !step_of_4<2>(a, inverse, column) ||
-      !step_of_4<3>(a, inverse, column))
+  if (!step_of_4<0>(rows, column) || !step_of_4<1>(rows, column) || !step_of_4<2>(rows, column) ||
+      !step_of_4<3>(rows, column))
     return false;
 #pragma GCC unroll 4
   for (int r = 0; r < 4; ++r, dst += 4) {
-    const double reciprocal = 1.0 / static_cast<double>(lane_of<4>(a[r], r));
-    inverse[r] = rounded<4>(widened<4>(inverse[r]) * reciprocal);
-    store_floats<4>(dst, inverse[r]);
-    store_floats<4>(out<float>(work[r] + 4), inverse[r]);
-    store_floats<4>(out<float>(work[r]), rounded<4>(widened<4>(a[r]) * reciprocal));
+    const double reciprocal = 1.0 / rows[r].at(r);
+#pragma GCC unroll 4
+    for (std::ptrdiff_t p = 0; p < kPartsOf4; ++p) {
+      const Floats<kPartOf4> part = rounded<kPartOf4>(widened<kPartOf4>(rows[r].part[p]) * reciprocal);
+      store_floats<kPartOf4>(out<float>(&work[r][p * kPartOf4]), part);
+      if (p >= kPartsOf4 / 2) store_floats<kPartOf4>(dst + (p - kPartsOf4 / 2) * kPartOf4, part);
+    }
   }
   return true;
+}
+#endif
+
+// From so many rows on it pays to divide in vectors, and to finish row after row.
+constexpr int32_t kManyRows = 8;
+
+// The factors of step k, and column k + 1 as it will be after it.
+OX_INLINE void find_factors(const InverseWork& work, int32_t k, int32_t n, double ahead, double (&column)[kMostInverse],
+                            double (&factors)[kMostInverse]) {
+  const double pivot = column[k];
+#if !defined(__arm__)
+  if (n >= kManyRows) {
+    // Row k and, up to a whole vector, rows behind the matrix are computed too, and not used.
+    for (int32_t i = 0; i < n; i += kDoubles) {
+      Doubles<kDoubles> v;
+      __builtin_memcpy(&v, column + i, sizeof v);
+      v /= pivot;
+      __builtin_memcpy(factors + i, &v, sizeof v);
+      Floats<kDoubles> next = {};
+#pragma GCC unroll 8
+      for (int r = 0; r < kDoubles; ++r) next[r] = work[i + r][k + 1];
+      v = widened<kDoubles>(rounded<kDoubles>(widened<kDoubles>(next) - v * ahead));
+      __builtin_memcpy(column + i, &v, sizeof v);
+    }
+    return;
+  }
+#endif
+  for (int32_t i = 0; i < n; ++i) {
+    if (i == k) continue;
+    factors[i] = column[i] / pivot;
+    column[i] = static_cast<double>(static_cast<float>(static_cast<double>(work[i][k + 1]) - ahead * factors[i]));
+  }
 }
 
 void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
@@ -149,6 +213,7 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
   // rows to be stored and loaded again.
   double column[kMostInverse], factors[kMostInverse];
   for (int32_t i = 0; i < n; ++i) column[i] = static_cast<double>(work[i][0]);
+  for (int32_t i = n; i % kDoubles != 0; ++i) column[i] = 0.0;
   bool exchanged = false;
   for (int32_t k = 0; k < n; ++k) {
     if (column[k] == 0.0) {
@@ -156,21 +221,17 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
       exchange_rows(work, k, replacement_row(work, k, n), n);
       for (int32_t i = 0; i < n; ++i) column[i] = static_cast<double>(work[i][k]);
     }
-    const double pivot = column[k], ahead = static_cast<double>(work[k][k + 1]);
-    for (int32_t i = 0; i < n; ++i) {
-      if (i == k) continue;
-      factors[i] = column[i] / pivot;
-      column[i] = static_cast<double>(static_cast<float>(static_cast<double>(work[i][k + 1]) - ahead * factors[i]));
-    }
+    const double ahead = static_cast<double>(work[k][k + 1]);
+    find_factors(work, k, n, ahead, column, factors);
     column[k] = ahead;
     // Until rows are exchanged, the pivot row is +0 behind column n + k, and no row changes there. Not so by a factor that
     // is infinite or a NaN, but then none of the row's later factors is a number, and they make NaNs of what was left out;
     // the last column of the last row meets no later one than that of step n - 2. docs/numerics.md has the argument.
     const int32_t used = exchanged || k >= n - 2 ? width : n + k + 1;
     // Cleared columns are computed too: what they become can be seen by a later, smaller call. Few vectors go one after
-    // another, each against all rows; many go row after row: with AVX-512 13 against 18 us at n = 40. Where each lane is
-    // converted by itself, pivots that stay in registers are worth more than either.
-    if (kConvertsEachLane || n <= kDoubles) {
+    // another, each against all rows; many go row after row, row k with them, which is put back: with AVX-512 13 against
+    // 18 us at n = 40. Where each lane is converted by itself, pivots that stay in registers are worth more than either.
+    if (kConvertsEachLane || n < kManyRows) {
       for (int32_t j = 0; j < used; j += kDoubles) {
         const Doubles<kDoubles> pivots = load_doubles(work[k] + j);
         float* at = work[0] + j;
@@ -179,12 +240,15 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
       }
     } else {
       Doubles<kDoubles> pivots[2 * kMostInverse / kDoubles];
-      for (int32_t j = 0; j < used; j += kDoubles) pivots[j / kDoubles] = load_doubles(work[k] + j);
+      const std::ptrdiff_t vectors = (used + kDoubles - 1) / kDoubles;
+      for (std::ptrdiff_t v = 0; v < vectors; ++v) pivots[v] = load_doubles(work[k] + v * kDoubles);
       for (int32_t i = 0; i < n; ++i) {
-        if (i == k) continue;
-        for (int32_t j = 0; j < used; j += kDoubles)
-          store_doubles(work[i] + j, load_doubles(work[i] + j) - pivots[j / kDoubles] * factors[i]);
+        float* const row = work[i];
+        const double factor = factors[i];
+        for (std::ptrdiff_t v = 0; v < vectors; ++v)
+          store_doubles(row + v * kDoubles, load_doubles(row + v * kDoubles) - pivots[v] * factor);
       }
+      for (std::ptrdiff_t v = 0; v < vectors; ++v) store_doubles(work[k] + v * kDoubles, pivots[v]);
     }
   }
   for (int32_t r = 0; r < n; ++r) {
