@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "ox.h"
+#include "kernels/kernels.h"
 
 namespace {
 
@@ -47,6 +47,28 @@ bool add_matrix(const Slot& slot, std::size_t rows, std::size_t cols, std::size_
   return !__builtin_add_overflow(*total, bytes - bytes % alignof(ox_mat_t), total);
 }
 
+bool has_size(const ox_mat_t* m, int32_t rows, int32_t cols) {
+  return m->type == OX_F32 && m->rows == rows && m->cols == cols;
+}
+
+// Whether no product of predict or correct would refuse and all have the sizes that there are kernels for. Headers are the
+// caller's to change, so each is looked at each time.
+bool predicts_in_fixed_sizes(const ox_kalman_t& kf) {
+  constexpr int32_t n = ox::kStates;
+  return has_size(kf.transition_matrix, n, n) && has_size(kf.process_noise_cov, n, n) &&
+         has_size(kf.state_pre, n, 1) && has_size(kf.state_post, n, 1) && has_size(kf.error_cov_pre, n, n) &&
+         has_size(kf.error_cov_post, n, n) && has_size(kf.temp1, n, n);
+}
+
+bool corrects_in_fixed_sizes(const ox_kalman_t& kf, const ox_mat_t& measurement) {
+  constexpr int32_t n = ox::kStates, m = ox::kMeasurements;
+  return has_size(kf.measurement_matrix, m, n) && has_size(kf.measurement_noise_cov, m, m) &&
+         has_size(&measurement, m, 1) && has_size(kf.state_pre, n, 1) && has_size(kf.state_post, n, 1) &&
+         has_size(kf.error_cov_pre, n, n) && has_size(kf.error_cov_post, n, n) && has_size(kf.gain, n, m) &&
+         has_size(kf.temp1, n, n) && has_size(kf.temp2, n, m) && has_size(kf.temp3, m, m) &&
+         has_size(kf.temp4, m, m) && has_size(kf.temp5, m, 1);
+}
+
 }  // namespace
 
 ox_kalman_t* ox_kalman_create(uint32_t state_dim, uint32_t meas_dim, uint32_t external_model,
@@ -84,6 +106,7 @@ ox_kalman_t* ox_kalman_create(uint32_t state_dim, uint32_t meas_dim, uint32_t ex
 void ox_kalman_release(ox_kalman_t* kf) { std::free(kf); }
 
 void ox_kalman_predict(ox_kalman_t* kf) {
+  if (predicts_in_fixed_sizes(*kf)) return ox::kernels().predict(*kf);
   const ox_mat_t *A = kf->transition_matrix, *Q = kf->process_noise_cov;
   ox_mat_mul(A, kf->state_post, kf->state_pre, 0);                                     // x' = A*x
   ox_mat_mul(A, kf->error_cov_post, kf->temp1, OX_MAT_TRANSPOSE_B);                    // A*P^T
@@ -91,6 +114,11 @@ void ox_kalman_predict(ox_kalman_t* kf) {
 }
 
 void ox_kalman_correct(ox_kalman_t* kf, const ox_mat_t* measurement) {
+  if (corrects_in_fixed_sizes(*kf, *measurement)) {
+    ox::kernels().innovation_covariance(*kf);
+    ox_mat_inv(kf->temp3, kf->temp4);
+    return ox::kernels().update(*kf, *measurement);
+  }
   const ox_mat_t *H = kf->measurement_matrix, *R = kf->measurement_noise_cov;
   const ox_mat_t *x_pre = kf->state_pre, *P_pre = kf->error_cov_pre;
   ox_mat_mul(P_pre, H, kf->temp2, OX_MAT_TRANSPOSE_B);                                 // P'*H^T

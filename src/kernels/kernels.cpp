@@ -1,6 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The choice of a width: once, when the library is loaded.
+// The choice of a width: once, when the library is loaded. What all widths share.
 #include "kernels/kernels.h"
+
+namespace ox {
+
+const float kIdentity[kStates][kStates] = {
+    {1, 0, 0, 0, 0, 0, 0, 0}, {0, 1, 0, 0, 0, 0, 0, 0}, {0, 0, 1, 0, 0, 0, 0, 0}, {0, 0, 0, 1, 0, 0, 0, 0},
+    {0, 0, 0, 0, 1, 0, 0, 0}, {0, 0, 0, 0, 0, 1, 0, 0}, {0, 0, 0, 0, 0, 0, 1, 0}, {0, 0, 0, 0, 0, 0, 0, 1}};
+
+}  // namespace ox
 
 #if defined(__x86_64__)
 

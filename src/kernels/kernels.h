@@ -38,6 +38,10 @@ struct NearestArgs {
   ox_track_t** match;
 };
 
+// A tracker's filter.
+constexpr int kStates = 8, kMeasurements = 4;
+extern const float kIdentity[kStates][kStates];
+
 struct Kernels {
   int bytes;  // of a vector
   // By depth.
@@ -52,6 +56,10 @@ struct Kernels {
   // dst = inverse of src, n x n floats each, by way of the work area; dst may be src.
   void (*gauss_jordan)(InverseWork& work, int32_t n, const void* src, void* dst);
   void (*nearest)(const NearestArgs& p);
+  // Predict and, before and after the inverse, correct of a filter whose matrices all have its sizes below.
+  void (*predict)(const ox_kalman_t& kf);
+  void (*innovation_covariance)(const ox_kalman_t& kf);
+  void (*update)(const ox_kalman_t& kf, const ox_mat_t& measurement);
 };
 
 extern const Kernels kernels_16;

@@ -69,15 +69,15 @@ OX_INLINE void load_columns(Vec (&columns)[kPart], const Stored<T>* src, std::pt
   if constexpr (sizeof(T) == 4) return load_columns_of_4(columns, src, row, rows);
 #endif
 #pragma GCC unroll 16
-  for (int r = 0; r < kPart; ++r) columns[r] = load_parts<T, OX_LANE_BYTES>(src, row, r, rows);
-  transpose_squares<kPart, CompilerLanes<T, OX_LANE_BYTES>::kCount>(columns);
+  for (int r = 0; r < kPart; ++r) columns[r] = load_parts<T, sizeof(Vec)>(src, row, r, rows);
+  transpose_squares<kPart, sizeof(Vec) / sizeof(T)>(columns);
 }
 
 // dst(j, i) = src(i, j), vector after vector of a row of dst.
-template <bool kPadded, class T>
+template <bool kPadded, int kBytes = OX_LANE_BYTES, class T>
 OX_INLINE void transpose_strip(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols,
                                Stored<T>* dst, std::ptrdiff_t dst_row) {
-  using L = CompilerLanes<T, OX_LANE_BYTES>;
+  using L = CompilerLanes<T, kBytes>;
   constexpr int kPart = kColumnsAtOnce<T>;
   for (std::ptrdiff_t i = 0; i < rows; i += L::kCount) {
     const std::ptrdiff_t high = rows - i < L::kCount ? rows - i : L::kCount;

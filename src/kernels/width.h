@@ -3,6 +3,7 @@
 #pragma once
 
 #include "kernels/elementwise.h"
+#include "kernels/filter.h"
 #include "kernels/gauss_jordan.h"
 #include "kernels/nearest.h"
 #include "kernels/product.h"
@@ -32,6 +33,9 @@ const Kernels OX_TABLE = {
     {transpose<uint8_t>, transpose<uint16_t>, transpose<uint32_t>, transpose<uint64_t>},
     gauss_jordan,
     nearest<FloatLanes>,
+    predict,
+    innovation_covariance,
+    update,
 };
 
 }  // namespace ox

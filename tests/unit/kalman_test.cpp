@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "alloc_hook.h"
@@ -734,6 +735,127 @@ TEST(KalmanRandom, BoxFilterMatchesTheReferenceOverLongRuns) {
           << random << "run " << run << ", step " << step;
       ASSERT_TRUE(support::same_values(OX_F32, kf->error_cov_post->data, ref.error_cov_post.data(), 64))
           << random << "run " << run << ", step " << step;
+    }
+  }
+}
+
+// ------------------------------------------------------------------------- against the calls it is made of
+
+void predict_by_calls(const ox_kalman_t& kf) {
+  const ox_mat_t* const A = kf.transition_matrix;
+  ox_mat_mul(A, kf.state_post, kf.state_pre, 0);
+  ox_mat_mul(A, kf.error_cov_post, kf.temp1, OX_MAT_TRANSPOSE_B);
+  ox_mat_muladd(kf.temp1, A, kf.process_noise_cov, kf.error_cov_pre, OX_MAT_TRANSPOSE_B);
+}
+
+void correct_by_calls(const ox_kalman_t& kf, const ox_mat_t* z) {
+  const ox_mat_t* const H = kf.measurement_matrix;
+  ox_mat_mul(kf.error_cov_pre, H, kf.temp2, OX_MAT_TRANSPOSE_B);
+  ox_mat_muladd(H, kf.temp2, kf.measurement_noise_cov, kf.temp3, 0);
+  ox_mat_inv(kf.temp3, kf.temp4);
+  ox_mat_mul(kf.temp2, kf.temp4, kf.gain, OX_MAT_TRANSPOSE_B);
+  ox_mat_submul(z, H, kf.state_pre, kf.temp5, 0);
+  ox_mat_muladd(kf.gain, kf.temp5, kf.state_pre, kf.state_post, 0);
+  ox_mat_submul(nullptr, kf.gain, H, kf.temp1, OX_MAT_IDENTITY_C);
+  ox_mat_mul(kf.temp1, kf.error_cov_pre, kf.error_cov_post, OX_MAT_TRANSPOSE_B);
+}
+
+// Two filters of 8 states and 4 measurements with the same contents, and a measurement for each.
+class EqualFilters {
+ public:
+  explicit EqualFilters(Random& random) {
+    for (std::size_t s = 0; s <= kSlots; ++s) {
+      std::vector<float> values(scalars(filter_.matrices[s]));
+      fill(random, values, support::Data::kTame);
+      set(filter_.matrices[s], values);
+      set(twin_.matrices[s], values);
+      sizes_.push_back(values.size());
+    }
+  }
+
+  template <class Change> void change_slot(std::size_t s, const Change& change) {
+    change(*filter_.matrices[s]);
+    change(*twin_.matrices[s]);
+  }
+  template <class Change> void change(const Change& change) {
+    change(*filter_.kf, filter_.measurement);
+    change(*twin_.kf, twin_.measurement);
+  }
+
+  // What the filter makes of it, and what its calls make.
+  ::testing::AssertionResult agree() {
+    ox_kalman_predict(filter_.kf.get());
+    predict_by_calls(*twin_.kf);
+    ::testing::AssertionResult verdict = same("predict");
+    if (!verdict) return verdict;
+    ox_kalman_correct(filter_.kf.get(), &filter_.measurement);
+    correct_by_calls(*twin_.kf, &twin_.measurement);
+    return same("correct");
+  }
+
+ private:
+  struct Side {
+    Side() : kf(own_model_filter(8, 4)), measurement(support::header(OX_F32, 4, 1, z)), matrices(slots(kf.get())) {
+      matrices.push_back(&measurement);
+    }
+    float z[4] = {};
+    FilterPtr kf;
+    ox_mat_t measurement;
+    std::vector<ox_mat_t*> matrices;  // the slots, and the measurement
+  };
+
+  ::testing::AssertionResult same(const char* step) const {
+    for (std::size_t s = 0; s < sizes_.size(); ++s) {
+      auto verdict = support::same_values(OX_F32, filter_.matrices[s]->data, twin_.matrices[s]->data, sizes_[s]);
+      if (!verdict) return verdict << " after " << step << ", slot " << s;
+    }
+    return ::testing::AssertionSuccess();
+  }
+
+  Side filter_, twin_;
+  std::vector<std::size_t> sizes_;
+};
+
+TEST(KalmanCalls, AHeaderOfOtherSizeOrTypeIsRefusedByItsProductsAlone) {
+  Random random(11);
+  for (std::size_t s = 0; s <= kSlots; ++s) {
+    for (int change = 0; change < 5; ++change) {
+      EqualFilters filters(random);
+      filters.change_slot(s, [change](ox_mat_t& m) {
+        if (change == 0) m.type |= 0x80000000u;
+        if (change == 1) m.type = OX_S32;
+        if (change == 2) m.rows -= 1;
+        if (change == 3) m.cols -= 1;
+        if (change == 4) std::swap(m.rows, m.cols);
+      });
+      ASSERT_TRUE(filters.agree()) << random << "slot " << s << ", change " << change;
+    }
+  }
+}
+
+// Whatever the contract lets share its storage: a destination with its addend, what is only read with anything.
+TEST(KalmanCalls, MatricesMayShareStorageWhereTheCallsAllowIt) {
+  using Change = void (*)(ox_kalman_t&, ox_mat_t&);
+  const Change changes[] = {
+      [](ox_kalman_t&, ox_mat_t&) {},
+      [](ox_kalman_t& kf, ox_mat_t& z) { z = *kf.temp5; },
+      [](ox_kalman_t& kf, ox_mat_t& z) { z = ox_mat_t{OX_F32, 4, 1, 4, kf.state_post->data}; },
+      [](ox_kalman_t& kf, ox_mat_t& z) { z = ox_mat_t{OX_F32, 4, 1, 4, kf.temp1->data}; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.process_noise_cov = kf.transition_matrix; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.process_noise_cov = kf.error_cov_pre; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.process_noise_cov = kf.error_cov_post; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.transition_matrix = kf.error_cov_post; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.measurement_noise_cov = kf.temp3; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.temp4 = kf.temp3; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.measurement_matrix->data = kf.error_cov_pre->data; },
+      [](ox_kalman_t& kf, ox_mat_t&) { kf.temp5->data = kf.temp3->data; },
+  };
+  Random random(12);
+  for (int repeat = 0; repeat < 20; ++repeat) {
+    for (std::size_t c = 0; c < sizeof changes / sizeof *changes; ++c) {
+      EqualFilters filters(random);
+      filters.change(changes[c]);
+      ASSERT_TRUE(filters.agree()) << random << "change " << c;
     }
   }
 }

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+// Predict and correct of a filter of 8 states and 4 measurements, a tracker's: the products that src/kalman/kalman.cpp
+// lists, in its order and with all they store, but of sizes known when compiled. What remains are the sums.
+#pragma once
+
+#include "kernels/product.h"
+
+namespace ox {
+namespace {
+
+#if OX_LANE_BYTES == 64
+// No row is longer than 32 bytes.
+void predict(const ox_kalman_t& kf) { kernels_32.predict(kf); }
+void innovation_covariance(const ox_kalman_t& kf) { kernels_32.innovation_covariance(kf); }
+void update(const ox_kalman_t& kf, const ox_mat_t& measurement) { kernels_32.update(kf, measurement); }
+#else
+
+// Lanes for rows of kCols floats: no wider than a row.
+template <int kCols> using RowLanes = Lanes<float, (4 * kCols < OX_LANE_BYTES ? 4 * kCols : OX_LANE_BYTES)>;
+using FloatWatch = Watch<Lanes<float, 16>>;
+
+// dst = c + a * b, or a * b where c is null, of packed matrices.
+template <int kRows, int kTerms, int kCols>
+OX_INLINE void fixed_product(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c, Stored<float>* dst,
+                             FloatWatch& watch) {
+  using L = RowLanes<kCols>;
+  constexpr int kVectors = kCols / L::kCount;
+  std::ptrdiff_t rows = kRows;
+  Factors<float> f{a, kTerms, 1, b, kCols};
+  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, kTerms, c, dst, kCols, {kCols - L::kCount, {}}, watch);
+}
+
+__attribute__((noinline)) void product_of_states(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c,
+                                                 Stored<float>* dst, FloatWatch& watch) {
+  fixed_product<kStates, kStates, kStates>(a, b, c, dst, watch);
+}
+
+// dst [kCols x kRows] = the transpose of src [kRows x kCols].
+template <int kRows, int kCols> OX_INLINE void fixed_transpose(const Stored<float>* src, Stored<float>* dst) {
+  constexpr int kBytes = 4 * kRows < OX_LANE_BYTES ? 4 * kRows : OX_LANE_BYTES;
+  transpose_strip<false, kBytes>(in<uint32_t>(src), kCols, kRows, kCols, out<uint32_t>(dst), kRows);
+}
+
+template <int kCount> OX_INLINE void negated(const Stored<float>* src, Stored<float>* dst) {
+  using V = CompilerLanes<uint32_t, 16>;
+  for (int i = 0; i < kCount; i += V::kCount)
+    V::store(out<uint32_t>(dst + i), V::load(in<uint32_t>(src + i)) ^ kSignBit<uint32_t>);
+}
+
+OX_INLINE Stored<float>* elements(const ox_mat_t* m) { return out<float>(m->data); }
+
+void predict(const ox_kalman_t& kf) {
+  Stored<float> model[kStates * kStates], covariance[kStates * kStates];  // transposed
+  const Stored<float>* const A = elements(kf.transition_matrix);
+  FloatWatch watch;
+  fixed_transpose<kStates, kStates>(A, model);
+  fixed_product<1, kStates, kStates>(elements(kf.state_post), model, nullptr, elements(kf.state_pre), watch);
+  fixed_transpose<kStates, kStates>(elements(kf.error_cov_post), covariance);
+  product_of_states(A, covariance, nullptr, elements(kf.temp1), watch);
+  product_of_states(elements(kf.temp1), model, elements(kf.process_noise_cov), elements(kf.error_cov_pre), watch);
+}
+
+void innovation_covariance(const ox_kalman_t& kf) {
+  Stored<float> model[kStates * kMeasurements];  // transposed
+  const Stored<float>* const H = elements(kf.measurement_matrix);
+  FloatWatch watch;
+  fixed_transpose<kMeasurements, kStates>(H, model);
+  fixed_product<kStates, kStates, kMeasurements>(elements(kf.error_cov_pre), model, nullptr, elements(kf.temp2), watch);
+  fixed_product<kMeasurements, kStates, kMeasurements>(H, elements(kf.temp2), elements(kf.measurement_noise_cov),
+                                                       elements(kf.temp3), watch);
+}
+
+void update(const ox_kalman_t& kf, const ox_mat_t& measurement) {
+  Stored<float> panel[kStates * kStates], state[kStates];
+  Stored<float>* const K = elements(kf.gain);
+  const Stored<float>* const H = elements(kf.measurement_matrix);
+  const Stored<float>* const x_pre = elements(kf.state_pre);
+  FloatWatch watch;
+  fixed_transpose<kMeasurements, kMeasurements>(elements(kf.temp4), panel);
+  fixed_product<kStates, kMeasurements, kMeasurements>(elements(kf.temp2), panel, nullptr, K, watch);
+  negated<kStates>(x_pre, state);
+  fixed_transpose<kMeasurements, kStates>(H, panel);
+  fixed_product<1, kStates, kMeasurements>(state, panel, elements(&measurement), elements(kf.temp5), watch);
+  fixed_transpose<kStates, kMeasurements>(K, panel);
+  fixed_product<1, kMeasurements, kStates>(elements(kf.temp5), panel, x_pre, elements(kf.state_post), watch);
+  negated<kMeasurements * kStates>(H, panel);
+  fixed_product<kStates, kMeasurements, kStates>(K, panel, in<float>(kIdentity), elements(kf.temp1), watch);
+  fixed_transpose<kStates, kStates>(elements(kf.error_cov_pre), panel);
+  product_of_states(elements(kf.temp1), panel, nullptr, elements(kf.error_cov_post), watch);
+}
+#endif
+
+}  // namespace
+}  // namespace ox
