@@ -757,6 +757,19 @@ TEST(TrackerProcess, IdentityOneFollowsTheLastOne) {
   EXPECT_EQ(tracker->next_id, 2);
 }
 
+// The counter is a field of the record: whoever starts it at 0 gets a confirmed track all the same.
+TEST(TrackerProcess, IdentityZeroIsConfirmed) {
+  const TrackerPtr tracker = make_tracker(confirming_at(2));
+  tracker->next_id = 0;
+  frame(tracker, {centred(1, 0, 0, 20, 20)});
+  frame(tracker, {centred(1, 4, 0, 20, 20)});
+  frame(tracker, {centred(1, 8, 0, 20, 20)});
+  const ox_track_t* const t = only_track(tracker);
+  EXPECT_EQ(t->id, 0);
+  EXPECT_EQ(t->pred_cx, 8.0f);  // one step further, and not where it was seen
+  EXPECT_EQ(tracker->next_id, 1);
+}
+
 TEST(TrackerProcess, FailedFilterLeavesTheTrackTentativeUntilItsNextMatch) {
   for (const long failing : {1L, 2L}) {  // the filter, the measurement
     SCOPED_TRACE(failing);
