@@ -72,6 +72,21 @@ OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename
     for (int v = 0; v < kVectors; ++v) sums[r][v] = L::template mul_add_lane<kLane>(sums[r][v], a[r], row[v]);
 }
 
+// Adds a(r, k) * row for one k.
+template <class L, int kRows, int kVectors, class T>
+OX_INLINE void add_term(typename L::Sum (&sums)[kRows][kVectors], const Stored<T>* a, std::ptrdiff_t a_row,
+                        const typename L::Vec (&row)[kVectors]) {
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r) {
+    const auto x = L::factor(a[r * a_row].value);
+#pragma GCC unroll 4
+    for (int v = 0; v < kVectors; ++v) sums[r][v] = L::mul_add(sums[r][v], x, row[v]);
+  }
+}
+
+// A tile of so many rows takes two terms a turn: what it does beside products and sums is all that it could be faster by.
+constexpr int kRowsUnrolled = 6;
+
 // kRows x kVectors vectors of the result. All are loaded before the first is stored, so dst may be c even where the
 // last vector overlaps the one before.
 template <class L, int kRows, int kVectors, class T>
@@ -112,13 +127,16 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
       }
     }
   }
-  for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
-    load_row<L>(row, b, tail);
-#pragma GCC unroll 8
-    for (int r = 0; r < kRows; ++r) {
-      const auto x = L::factor(a[r * f.a_row].value);
-#pragma GCC unroll 4
-      for (int v = 0; v < kVectors; ++v) sums[r][v] = L::mul_add(sums[r][v], x, row[v]);
+  if constexpr (kRows == kRowsUnrolled) {
+#pragma GCC unroll 2
+    for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
+      load_row<L>(row, b, tail);
+      add_term<L>(sums, a, f.a_row, row);
+    }
+  } else {
+    for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
+      load_row<L>(row, b, tail);
+      add_term<L>(sums, a, f.a_row, row);
     }
   }
 #pragma GCC unroll 8
@@ -159,6 +177,13 @@ template <class L, int kVectors> constexpr int rows_of_tile() {
   return rows;
 }
 
+// Where a sum takes one of 16 registers, and a band is long, they are filled: six rows of two vectors, two spread factors.
+template <class L, int kVectors> constexpr int rows_of_band() {
+  return OX_LANE_BYTES == 32 && kVectors == 2 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>
+             ? kRowsUnrolled
+             : rows_of_tile<L, kVectors>();
+}
+
 // A band: the first cols columns, kVectors vectors, of a result whose rows are p.n apart. Rows of b are contiguous.
 template <class L, int kVectors>
 __attribute__((noinline)) void band(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watch) {
@@ -172,7 +197,7 @@ __attribute__((noinline)) void band(const ProductArgs& p, std::ptrdiff_t cols, W
   std::ptrdiff_t rows = p.m;
   const Stored<T>* c = in<T>(p.c);
   Stored<T>* dst = out<T>(p.dst);
-  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, p.n, tail, watch);
+  rows_by<L, rows_of_band<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, p.n, tail, watch);
 }
 
 // What is subtracted goes into a panel negated; where there is no panel, the other factor is. c - a * b is c + a * -b to
@@ -354,8 +379,8 @@ template <class L, int kVectors> __attribute__((noinline)) void row_by_columns(c
 }
 
 template <class L, int kVectors, class T = typename L::Scalar> OX_INLINE void whole_vectors(const ProductArgs& p) {
-  // Wider vectors take longer to transpose than to go through the panel.
-  if constexpr (OX_LANE_BYTES == 16)
+  // Wider vectors take longer to transpose than to go through the panel; columns of doubles gain little.
+  if constexpr (OX_LANE_BYTES == 16 && sizeof(T) == 4)
     if (p.m == 1 && p.b_col != 1 && p.k % kColumnsAtOnce<T> == 0) return row_by_columns<L, kVectors>(p);
   narrow<L, kVectors>(p);
 }
