@@ -114,7 +114,7 @@ bool invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
 }
 #else
 // A row of [A | I] for n = 4, in parts.
-constexpr int kPartOf4 = kConvertsEachLane || kDoubles > 4 ? 4 : kDoubles, kPartsOf4 = 8 / kPartOf4;
+constexpr int kPartOf4 = kDoubles < 4 ? kDoubles : 4, kPartsOf4 = 8 / kPartOf4;
 struct RowOf4 {
   Floats<kPartOf4> part[kPartsOf4];
   OX_INLINE double at(int column) const {
@@ -213,7 +213,7 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
   // rows to be stored and loaded again.
   double column[kMostInverse], factors[kMostInverse];
   for (int32_t i = 0; i < n; ++i) column[i] = static_cast<double>(work[i][0]);
-  for (int32_t i = n; i % kDoubles != 0; ++i) column[i] = 0.0;
+  for (int32_t i = n; i % kDoubles != 0; ++i) column[i] = 0.0;  // divided with the others, where vectors are
   bool exchanged = false;
   for (int32_t k = 0; k < n; ++k) {
     if (column[k] == 0.0) {
@@ -229,8 +229,8 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
     // the last column of the last row meets no later one than that of step n - 2. docs/numerics.md has the argument.
     const int32_t used = exchanged || k >= n - 2 ? width : n + k + 1;
     // Cleared columns are computed too: what they become can be seen by a later, smaller call. Few vectors go one after
-    // another, each against all rows; many go row after row, row k with them, which is put back: with AVX-512 13 against
-    // 18 us at n = 40. Where each lane is converted by itself, pivots that stay in registers are worth more than either.
+    // another, each against all rows; many go row after row, row k with them, which is put back: a third faster at n = 40
+    // with AVX-512. Where each lane is converted by itself, pivots that stay in registers are worth more than either.
     if (kConvertsEachLane || n < kManyRows) {
       for (int32_t j = 0; j < used; j += kDoubles) {
         const Doubles<kDoubles> pivots = load_doubles(work[k] + j);

@@ -38,7 +38,7 @@ struct NearestArgs {
   ox_track_t** match;
 };
 
-// A tracker's filter.
+// The sizes of a tracker's filter, and its minuend of I - K*H.
 constexpr int kStates = 8, kMeasurements = 4;
 extern const float kIdentity[kStates][kStates];
 
@@ -56,7 +56,8 @@ struct Kernels {
   // dst = inverse of src, n x n floats each, by way of the work area; dst may be src.
   void (*gauss_jordan)(InverseWork& work, int32_t n, const void* src, void* dst);
   void (*nearest)(const NearestArgs& p);
-  // Predict and, before and after the inverse, correct of a filter whose matrices all have its sizes below.
+  // Predict and, before and after the inverse, correct of a filter of kStates and kMeasurements. All its matrices and the
+  // measurement are OX_F32 and have the shapes that ox.h gives them.
   void (*predict)(const ox_kalman_t& kf);
   void (*innovation_covariance)(const ox_kalman_t& kf);
   void (*update)(const ox_kalman_t& kf, const ox_mat_t& measurement);

@@ -84,7 +84,8 @@ OX_INLINE void add_term(typename L::Sum (&sums)[kRows][kVectors], const Stored<T
   }
 }
 
-// A tile of so many rows takes two terms a turn: what it does beside products and sums is all that it could be faster by.
+// A tile of so many rows takes two terms a turn, as what it does beside products and sums is all that it could be faster
+// by. A pragma cannot depend on the template, so its loop stands twice.
 constexpr int kRowsUnrolled = 6;
 
 // kRows x kVectors vectors of the result. All are loaded before the first is stored, so dst may be c even where the
@@ -156,17 +157,19 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
   }
 }
 
-// The rows of a band of columns that are left for tiles of kRows, then of half as many.
+// The rows of a band of columns that are left for tiles of kRows, then of fewer.
 template <class L, int kRows, int kVectors, class T>
 OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms, const Stored<T>*& c, Stored<T>*& dst,
                        std::ptrdiff_t pitch, const Tail<L>& tail, Watch<L>& watch) {
-  for (; rows >= kRows; rows -= kRows) {
+  // Eight rows are better taken as twice four than as six and two.
+  for (; rows >= kRows && !(kRows == kRowsUnrolled && rows == 8); rows -= kRows) {
     tile<L, kRows, kVectors>(f, terms, c, dst, pitch, tail, watch);
     f.a += kRows * f.a_row;
     dst += kRows * pitch;
     if (c) c += kRows * pitch;
   }
-  if constexpr (kRows > 1) rows_by<L, kRows / 2, kVectors>(f, rows, terms, c, dst, pitch, tail, watch);
+  constexpr int kFewer = kRows == kRowsUnrolled ? 4 : kRows / 2;
+  if constexpr (kRows > 1) rows_by<L, kFewer, kVectors>(f, rows, terms, c, dst, pitch, tail, watch);
 }
 
 // Running sums fill half the registers; factors and rows of b share the rest.
@@ -177,7 +180,8 @@ template <class L, int kVectors> constexpr int rows_of_tile() {
   return rows;
 }
 
-// Where a sum takes one of 16 registers, and a band is long, they are filled: six rows of two vectors, two spread factors.
+// 16 registers are filled by twelve sums, two vectors of b, a factor and a product: half as many sums need more loads and
+// turns. On 16-byte vectors spreading the factors takes what that spares.
 template <class L, int kVectors> constexpr int rows_of_band() {
   return OX_LANE_BYTES == 32 && kVectors == 2 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>
              ? kRowsUnrolled
@@ -412,7 +416,7 @@ OX_INLINE void short_tile(const Factors<T>& f, std::ptrdiff_t b_col, std::ptrdif
 #pragma GCC unroll 4
     for (int r = 0; r < kRows; ++r) {
       const T x = a[r * f.a_row].value;
-      sums[r] = L::mul_add(sums[r], L::factor(subtract ? ox::sub(kNoAddend<T>, x) : x), row);
+      sums[r] = L::mul_add(sums[r], L::factor(subtract ? -x : x), row);
     }
   }
 #pragma GCC unroll 4
@@ -432,18 +436,17 @@ template <class L, int kCols> __attribute__((noinline)) void short_rows(const Pr
   Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
   const Stored<T>* c = in<T>(p.c);
   Stored<T>* dst = out<T>(p.dst);
-  std::ptrdiff_t rows = p.m;
-  const auto tiles_of = [&](auto tile_rows) {
-    constexpr int kRows = decltype(tile_rows)::value;
-    for (; rows >= kRows; rows -= kRows) {
-      short_tile<L, kCols, kRows>(f, p.b_col, p.k, c, dst, p.subtract, watch);
-      f.a += kRows * f.a_row;
-      dst += kRows * kCols;
-      if (c) c += kRows * kCols;
-    }
-  };
-  tiles_of(std::integral_constant<int, kCols>{});
-  tiles_of(std::integral_constant<int, 1>{});
+  for (std::ptrdiff_t rows = p.m; rows > 0;) {
+    const int taken = rows >= kCols ? kCols : 1;
+    if (taken == kCols)
+      short_tile<L, kCols, kCols>(f, p.b_col, p.k, c, dst, p.subtract, watch);
+    else
+      short_tile<L, kCols, 1>(f, p.b_col, p.k, c, dst, p.subtract, watch);
+    rows -= taken;
+    f.a += taken * f.a_row;
+    dst += std::ptrdiff_t{kCols} * taken;
+    if (c) c += std::ptrdiff_t{kCols} * taken;
+  }
 }
 
 template <class T> void product(const ProductArgs& p);
