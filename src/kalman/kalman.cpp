@@ -60,13 +60,13 @@ bool predicts_in_fixed_sizes(const ox_kalman_t& kf) {
          has_size(kf.error_cov_post, n, n) && has_size(kf.temp1, n, n);
 }
 
-bool corrects_in_fixed_sizes(const ox_kalman_t& kf, const ox_mat_t& measurement) {
+bool corrects_in_fixed_sizes(const ox_kalman_t& kf, const ox_mat_t* measurement) {
   constexpr int32_t n = ox::kStates, m = ox::kMeasurements;
   return has_size(kf.measurement_matrix, m, n) && has_size(kf.measurement_noise_cov, m, m) &&
-         has_size(&measurement, m, 1) && has_size(kf.state_pre, n, 1) && has_size(kf.state_post, n, 1) &&
+         has_size(kf.state_pre, n, 1) && has_size(kf.state_post, n, 1) &&
          has_size(kf.error_cov_pre, n, n) && has_size(kf.error_cov_post, n, n) && has_size(kf.gain, n, m) &&
          has_size(kf.temp1, n, n) && has_size(kf.temp2, n, m) && has_size(kf.temp3, m, m) &&
-         has_size(kf.temp4, m, m) && has_size(kf.temp5, m, 1);
+         has_size(kf.temp4, m, m) && has_size(kf.temp5, m, 1) && has_size(measurement, m, 1);
 }
 
 }  // namespace
@@ -114,7 +114,7 @@ void ox_kalman_predict(ox_kalman_t* kf) {
 }
 
 void ox_kalman_correct(ox_kalman_t* kf, const ox_mat_t* measurement) {
-  if (corrects_in_fixed_sizes(*kf, *measurement)) {
+  if (corrects_in_fixed_sizes(*kf, measurement)) {
     ox::kernels().innovation_covariance(*kf);
     ox_mat_inv(kf->temp3, kf->temp4);
     return ox::kernels().update(*kf, *measurement);
