@@ -10,9 +10,9 @@ namespace {
 
 #if OX_LANE_BYTES == 64
 // No row is longer than 32 bytes.
-void predict(const ox_kalman_t& kf) { kernels_32.predict(kf); }
-void innovation_covariance(const ox_kalman_t& kf) { kernels_32.innovation_covariance(kf); }
-void update(const ox_kalman_t& kf, const ox_mat_t& measurement) { kernels_32.update(kf, measurement); }
+void narrower_predict(const ox_kalman_t& kf) { kernels_32.predict(kf); }
+void narrower_innovation_covariance(const ox_kalman_t& kf) { kernels_32.innovation_covariance(kf); }
+void narrower_update(const ox_kalman_t& kf, const ox_mat_t& measurement) { kernels_32.update(kf, measurement); }
 #else
 
 // Lanes for rows of kCols floats: no wider than a row.

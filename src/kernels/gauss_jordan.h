@@ -106,13 +106,7 @@ void augment(InverseWork& work, const Stored<float>* src, int32_t n) {
   }
 }
 
-#if OX_LANE_BYTES == 64
-// Four doubles are 32 bytes.
-bool invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
-  kernels_32.gauss_jordan(work, 4, src, dst);
-  return true;
-}
-#else
+#if OX_LANE_BYTES < 64
 // A row of [A | I] for n = 4, in parts.
 constexpr int kPartOf4 = kDoubles < 4 ? kDoubles : 4, kPartsOf4 = 8 / kPartOf4;
 struct RowOf4 {
@@ -206,7 +200,11 @@ OX_INLINE void find_factors(const InverseWork& work, int32_t k, int32_t n, doubl
 }
 
 void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
+#if OX_LANE_BYTES == 64
+  if (n == 4) return kernels_32.gauss_jordan(work, n, src, dst);  // four doubles are 32 bytes
+#else
   if (n == 4 && invert_4(work, in<float>(src), out<float>(dst))) return;
+#endif
   const int32_t width = 2 * n;
   augment(work, in<float>(src), n);
   // Column k, ahead of the rows it belongs to: the divisions of the next step wait for these numbers alone, not for whole

@@ -33,9 +33,15 @@ const Kernels OX_TABLE = {
     {transpose<uint8_t>, transpose<uint16_t>, transpose<uint32_t>, transpose<uint64_t>},
     gauss_jordan,
     nearest<FloatLanes>,
+#if OX_LANE_BYTES == 64
+    narrower_predict,
+    narrower_innovation_covariance,
+    narrower_update,
+#else
     predict,
     innovation_covariance,
     update,
+#endif
 };
 
 }  // namespace ox
