@@ -383,7 +383,7 @@ template <class L, int kVectors> __attribute__((noinline)) void row_by_columns(c
 }
 
 template <class L, int kVectors, class T = typename L::Scalar> OX_INLINE void whole_vectors(const ProductArgs& p) {
-  // Wider vectors take longer to transpose than to go through the panel; columns of doubles gain little.
+  // Wider vectors take longer to transpose than to go through the panel; doubles would go two columns at a time.
   if constexpr (OX_LANE_BYTES == 16 && sizeof(T) == 4)
     if (p.m == 1 && p.b_col != 1 && p.k % kColumnsAtOnce<T> == 0) return row_by_columns<L, kVectors>(p);
   narrow<L, kVectors>(p);
