@@ -36,10 +36,17 @@ template <int n> OX_INLINE Doubles<n> widened(const Floats<n>& v) {
 template <int n> OX_INLINE Floats<n> rounded(const Doubles<n>& v) {
   return each_lane<Floats<n>>([&](int i) { return static_cast<float>(v.lane[i]); });
 }
-template <int n> OX_INLINE float lane_of(const Floats<n>& v, int i) { return v.lane[i]; }
-template <int n> OX_INLINE Floats<n> unit(std::ptrdiff_t lane) {
-  return each_lane<Floats<n>>([=](int i) { return i == lane ? 1.0f : 0.0f; });
+template <int n> OX_INLINE Doubles<n> operator/(const Doubles<n>& v, double x) {
+  return each_lane<Doubles<n>>([&](int i) { return v.lane[i] / x; });
 }
+template <int n> OX_INLINE Doubles<n> operator*(const Doubles<n>& a, const Doubles<n>& b) {
+  return each_lane<Doubles<n>>([&](int i) { return a.lane[i] * b.lane[i]; });
+}
+template <int n> OX_INLINE Doubles<n> operator/(const Doubles<n>& a, const Doubles<n>& b) {
+  return each_lane<Doubles<n>>([&](int i) { return a.lane[i] / b.lane[i]; });
+}
+OX_INLINE double lane_of(const Doubles<2>& v, int i) { return v.lane[i]; }
+OX_INLINE Doubles<2> pair_of(double a, double b) { return {{a, b}}; }
 template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
   return each_lane<Floats<n>>([=](int i) { return p[i].value; });
 }
@@ -55,10 +62,9 @@ template <int n> using Floats = typename VectorOf<float, n>::Vec;
 template <int n> using Doubles = typename VectorOf<double, n>::Vec;
 template <int n> OX_INLINE Doubles<n> widened(Floats<n> v) { return to_doubles<Doubles<n>>(v); }
 template <int n> OX_INLINE Floats<n> rounded(Doubles<n> v) { return __builtin_convertvector(v, Floats<n>); }
-template <int n> OX_INLINE float lane_of(Floats<n> v, int i) { return v[i]; }
-template <int n> OX_INLINE Floats<n> unit(std::ptrdiff_t lane) {
-  Floats<n> v = {};
-  if (lane >= 0 && lane < n) v[lane] = 1.0f;
+OX_INLINE double lane_of(Doubles<2> v, int i) { return v[i]; }
+OX_INLINE Doubles<2> pair_of(double a, double b) {
+  const Doubles<2> v = {a, b};
   return v;
 }
 template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
@@ -107,64 +113,121 @@ void augment(InverseWork& work, const Stored<float>* src, int32_t n) {
 }
 
 #if OX_LANE_BYTES < 64
-// A row of [A | I] for n = 4, in parts.
-constexpr int kPartOf4 = kDoubles < 4 ? kDoubles : 4, kPartsOf4 = 8 / kPartOf4;
+// Doubles as they are once stored in single precision.
+OX_INLINE double through_float(double x) { return static_cast<double>(static_cast<float>(x)); }
+template <int n> OX_INLINE Doubles<n> through_float(const Doubles<n>& v) { return widened<n>(rounded<n>(v)); }
+#if defined(__SSE2__)
+template <> OX_INLINE Doubles<2> through_float<2>(const Doubles<2>& v) {
+  return (Doubles<2>)_mm_cvtps_pd(_mm_cvtpd_ps((__m128d)v));
+}
+#endif
+
+// A row of [A | I] for n = 4.
+constexpr int kPartOf4 = OX_LANE_BYTES == 32 ? 4 : 2, kPartsOf4 = 8 / kPartOf4;
 struct RowOf4 {
-  Floats<kPartOf4> part[kPartsOf4];
-  OX_INLINE double at(int column) const {
-    return static_cast<double>(lane_of<kPartOf4>(part[column / kPartOf4], column % kPartOf4));
+  Doubles<kPartOf4> part[kPartsOf4];
+  Doubles<2> low;  // columns 4 and 5 up to step 1, when columns 6 and 7 are still I's
+#if OX_LANE_BYTES == 32
+  OX_INLINE Doubles<2> first() const { return __builtin_shufflevector(part[0], part[0], 0, 1); }
+  OX_INLINE Doubles<2> second() const { return __builtin_shufflevector(part[0], part[0], 2, 3); }
+  OX_INLINE void complete(Doubles<2> high) {
+    part[1] = (Doubles<4>)_mm256_insertf128_pd(_mm256_castpd128_pd256((__m128d)low), (__m128d)high, 1);
   }
+#else
+  OX_INLINE Doubles<2> first() const { return part[0]; }   // columns 0 and 1
+  OX_INLINE Doubles<2> second() const { return part[1]; }  // columns 2 and 3
+  OX_INLINE void complete(Doubles<2> high) {
+    part[2] = low;
+    part[3] = high;
+  }
+#endif
 };
 
-// A step of the elimination, column k. False where the pivot is zero: then nothing is done.
-template <int k> OX_INLINE bool step_of_4(RowOf4 (&rows)[4], double (&column)[4]) {
-  const double pivot = column[k];
-  if (pivot == 0.0) return false;
-  Doubles<kPartOf4> pivots[kPartsOf4];
+// A step of the elimination in a row, in the first kParts of it.
+template <int kParts> OX_INLINE void eliminate(RowOf4& row, const RowOf4& pivots, double factor) {
 #pragma GCC unroll 4
-  for (int p = 0; p < kPartsOf4; ++p) pivots[p] = widened<kPartOf4>(rows[k].part[p]);
-  constexpr int kNext = k < 3 ? k + 1 : k;
-  const double ahead = rows[k].at(kNext);
-#pragma GCC unroll 4
-  for (int i = 0; i < 4; ++i) {
-    if (i == k) continue;
-    const double factor = column[i] / pivot;
-    column[i] = static_cast<double>(static_cast<float>(rows[i].at(kNext) - ahead * factor));
-#pragma GCC unroll 4
-    for (int p = 0; p < kPartsOf4; ++p)
-      rows[i].part[p] = rounded<kPartOf4>(widened<kPartOf4>(rows[i].part[p]) - pivots[p] * factor);
-  }
-  column[k] = ahead;
-  return true;
+  for (int p = 0; p < kParts; ++p) row.part[p] = through_float<kPartOf4>(row.part[p] - pivots.part[p] * factor);
+}
+OX_INLINE void eliminate_with_low(RowOf4& row, const RowOf4& pivots, double factor) {
+  eliminate<kPartsOf4 / 2>(row, pivots, factor);
+  row.low = through_float<2>(row.low - pivots.low * factor);
 }
 
-// n = 4, a tracker's, with [A | I] in registers. False, and nothing is written, where rows have to be exchanged.
-bool invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
+void invert_any(InverseWork& work, int32_t n, const void* src, void* dst);
+
+// n = 4, a tracker's, with [A | I] in registers. What the next factors wait for is computed by itself, ahead of the rows,
+// where it can be for two rows at once. Columns of I are left out as below. Until rows have to be exchanged nothing is
+// written.
+void invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
+  const auto at = [src](int row, int column) { return static_cast<double>(src[4 * row + column].value); };
   RowOf4 rows[4];
-  double column[4];
 #pragma GCC unroll 4
-  for (int r = 0; r < 4; ++r, src += 4) {
+  for (std::ptrdiff_t i = 0; i < 4; ++i)
 #pragma GCC unroll 4
-    for (std::ptrdiff_t p = 0; p < kPartsOf4 / 2; ++p) {
-      rows[r].part[p] = load_floats<kPartOf4>(src + p * kPartOf4);
-      rows[r].part[kPartsOf4 / 2 + p] = unit<kPartOf4>(r - p * kPartOf4);
-    }
-    column[r] = static_cast<double>(src->value);
-  }
-  if (!step_of_4<0>(rows, column) || !step_of_4<1>(rows, column) || !step_of_4<2>(rows, column) ||
-      !step_of_4<3>(rows, column))
-    return false;
+    for (std::ptrdiff_t p = 0; p < kPartsOf4 / 2; ++p)
+      rows[i].part[p] = widened<kPartOf4>(load_floats<kPartOf4>(src + 4 * i + p * kPartOf4));
+
+  const double p0 = at(0, 0), a01 = at(0, 1);
+  if (p0 == 0.0) return invert_any(work, 4, src, dst);
+  const double f1 = at(1, 0) / p0;
+  const Doubles<2> f23 = pair_of(at(2, 0), at(3, 0)) / p0;
+  const double p1 = through_float(at(1, 1) - a01 * f1);
+  const Doubles<2> next23 = through_float<2>(pair_of(at(2, 1), at(3, 1)) - f23 * a01);
+  eliminate<kPartsOf4 / 2>(rows[1], rows[0], f1);
+  eliminate<kPartsOf4 / 2>(rows[2], rows[0], lane_of(f23, 0));
+  eliminate<kPartsOf4 / 2>(rows[3], rows[0], lane_of(f23, 1));
+  const Doubles<2> column4 = through_float<2>(pair_of(0.0, 0.0) - f23);
+  rows[0].low = pair_of(1.0, 0.0);
+  rows[1].low = pair_of(through_float(0.0 - f1), 1.0);
+  rows[2].low = pair_of(lane_of(column4, 0), 0.0);
+  rows[3].low = pair_of(lane_of(column4, 1), 0.0);
+
+  if (p1 == 0.0) return invert_any(work, 4, src, dst);
+  const Doubles<2> g23 = next23 / p1;
+  const double g0 = a01 / p1;
+  const Doubles<2> row1 = rows[1].second(), old2 = rows[2].second(), old3 = rows[3].second();
+  const double a12 = lane_of(row1, 0);
+  const Doubles<2> after23 = through_float<2>(pair_of(lane_of(old2, 0), lane_of(old3, 0)) - g23 * a12);
+  const double after0 = through_float(at(0, 2) - a12 * g0);
+  eliminate_with_low(rows[2], rows[1], lane_of(g23, 0));
+  eliminate_with_low(rows[3], rows[1], lane_of(g23, 1));
+  eliminate_with_low(rows[0], rows[1], g0);
+  rows[0].complete(pair_of(0.0, 0.0));
+  rows[1].complete(pair_of(0.0, 0.0));
+  rows[2].complete(pair_of(1.0, 0.0));
+  rows[3].complete(pair_of(0.0, 1.0));
+
+  const double p2 = lane_of(after23, 0);
+  if (p2 == 0.0) return invert_any(work, 4, src, dst);
+  const double h3 = lane_of(after23, 1) / p2;
+  const Doubles<2> h01 = pair_of(after0, a12) / p2;
+  const Doubles<2> row0 = rows[0].second(), row2 = rows[2].second(), row3 = rows[3].second();
+  const double a23 = lane_of(row2, 1);
+  const double p3 = through_float(lane_of(row3, 1) - a23 * h3);
+  const Doubles<2> last01 = through_float<2>(pair_of(lane_of(row0, 1), lane_of(row1, 1)) - h01 * a23);
+  eliminate<kPartsOf4>(rows[3], rows[2], h3);
+  eliminate<kPartsOf4>(rows[0], rows[2], lane_of(h01, 0));
+  eliminate<kPartsOf4>(rows[1], rows[2], lane_of(h01, 1));
+
+  if (p3 == 0.0) return invert_any(work, 4, src, dst);
+  const Doubles<2> e01 = last01 / p3;
+  const double e2 = a23 / p3;
+  const Doubles<2> d01 = through_float<2>(pair_of(lane_of(rows[0].first(), 0), lane_of(rows[1].first(), 1)) -
+                                          rows[3].first() * e01);
+  const double d2 = through_float(lane_of(row2, 0) - lane_of(rows[3].second(), 0) * e2);
+  eliminate<kPartsOf4>(rows[0], rows[3], lane_of(e01, 0));
+  eliminate<kPartsOf4>(rows[1], rows[3], lane_of(e01, 1));
+  eliminate<kPartsOf4>(rows[2], rows[3], e2);
+  const Doubles<2> q01 = pair_of(1.0, 1.0) / d01;
+  const double reciprocals[4] = {lane_of(q01, 0), lane_of(q01, 1), 1.0 / d2, 1.0 / p3};
 #pragma GCC unroll 4
-  for (int r = 0; r < 4; ++r, dst += 4) {
-    const double reciprocal = 1.0 / rows[r].at(r);
+  for (std::ptrdiff_t i = 0; i < 4; ++i)
 #pragma GCC unroll 4
     for (std::ptrdiff_t p = 0; p < kPartsOf4; ++p) {
-      const Floats<kPartOf4> part = rounded<kPartOf4>(widened<kPartOf4>(rows[r].part[p]) * reciprocal);
-      store_floats<kPartOf4>(out<float>(&work[r][p * kPartOf4]), part);
-      if (p >= kPartsOf4 / 2) store_floats<kPartOf4>(dst + (p - kPartsOf4 / 2) * kPartOf4, part);
+      const Floats<kPartOf4> part = rounded<kPartOf4>(rows[i].part[p] * reciprocals[i]);
+      store_floats<kPartOf4>(out<float>(work[i] + p * kPartOf4), part);
+      if (p >= kPartsOf4 / 2) store_floats<kPartOf4>(dst + 4 * i + (p - kPartsOf4 / 2) * kPartOf4, part);
     }
-  }
-  return true;
 }
 #endif
 
@@ -199,12 +262,7 @@ OX_INLINE void find_factors(const InverseWork& work, int32_t k, int32_t n, doubl
   }
 }
 
-void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
-#if OX_LANE_BYTES == 64
-  if (n == 4) return kernels_32.gauss_jordan(work, n, src, dst);  // four doubles are 32 bytes
-#else
-  if (n == 4 && invert_4(work, in<float>(src), out<float>(dst))) return;
-#endif
+__attribute__((noinline)) void invert_any(InverseWork& work, int32_t n, const void* src, void* dst) {
   const int32_t width = 2 * n;
   augment(work, in<float>(src), n);
   // Column k, ahead of the rows it belongs to: the divisions of the next step wait for these numbers alone, not for whole
@@ -254,6 +312,15 @@ void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
     for (int32_t j = 0; j < width; j += kDoubles) store_doubles(work[r] + j, load_doubles(work[r] + j) * reciprocal);
   }
   copy_block(reinterpret_cast<const Stored<float>*>(work[0] + n), kWorkRow, n, n, out<float>(dst), n);
+}
+
+void gauss_jordan(InverseWork& work, int32_t n, const void* src, void* dst) {
+#if OX_LANE_BYTES == 64
+  if (n == 4) return kernels_32.gauss_jordan(work, n, src, dst);  // four doubles are 32 bytes
+#else
+  if (n == 4) return invert_4(work, in<float>(src), out<float>(dst));
+#endif
+  invert_any(work, n, src, dst);
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 #endif
 #if OX_LANE_BYTES > 16
 #include <immintrin.h>
+#elif defined(__SSE2__)
+#include <emmintrin.h>
 #endif
 
 namespace ox {
