@@ -262,6 +262,18 @@ OX_INLINE void find_factors(const InverseWork& work, int32_t k, int32_t n, doubl
   }
 }
 
+// A step in rows one behind the other, vector after vector.
+template <int kRows>
+OX_INLINE void eliminate_rows(float* rows, const double* factors, const Doubles<kDoubles>* pivots,
+                              std::ptrdiff_t vectors) {
+  for (std::ptrdiff_t v = 0; v < vectors; ++v)
+#pragma GCC unroll 2
+    for (std::ptrdiff_t r = 0; r < kRows; ++r) {
+      float* const at = rows + r * kWorkRow + v * kDoubles;
+      store_doubles(at, load_doubles(at) - pivots[v] * factors[r]);
+    }
+}
+
 __attribute__((noinline)) void invert_any(InverseWork& work, int32_t n, const void* src, void* dst) {
   const int32_t width = 2 * n;
   augment(work, in<float>(src), n);
@@ -285,8 +297,8 @@ __attribute__((noinline)) void invert_any(InverseWork& work, int32_t n, const vo
     // the last column of the last row meets no later one than that of step n - 2. docs/numerics.md has the argument.
     const int32_t used = exchanged || k >= n - 2 ? width : n + k + 1;
     // Cleared columns are computed too: what they become can be seen by a later, smaller call. Few vectors go one after
-    // another, each against all rows; many go row after row, row k with them, which is put back: a third faster at n = 40
-    // with AVX-512. Where each lane is converted by itself, pivots that stay in registers are worth more than either.
+    // another, each against all rows; many go along two rows at a time, row k with them, which is put back. Where each lane
+    // is converted by itself, pivots that stay in registers are worth more.
     if (kConvertsEachLane || n < kManyRows) {
       for (int32_t j = 0; j < used; j += kDoubles) {
         const Doubles<kDoubles> pivots = load_doubles(work[k] + j);
@@ -298,12 +310,8 @@ __attribute__((noinline)) void invert_any(InverseWork& work, int32_t n, const vo
       Doubles<kDoubles> pivots[2 * kMostInverse / kDoubles];
       const std::ptrdiff_t vectors = (used + kDoubles - 1) / kDoubles;
       for (std::ptrdiff_t v = 0; v < vectors; ++v) pivots[v] = load_doubles(work[k] + v * kDoubles);
-      for (int32_t i = 0; i < n; ++i) {
-        float* const row = work[i];
-        const double factor = factors[i];
-        for (std::ptrdiff_t v = 0; v < vectors; ++v)
-          store_doubles(row + v * kDoubles, load_doubles(row + v * kDoubles) - pivots[v] * factor);
-      }
+      for (int32_t i = 0; i + 1 < n; i += 2) eliminate_rows<2>(work[i], factors + i, pivots, vectors);
+      if (n % 2 != 0) eliminate_rows<1>(work[n - 1], factors + n - 1, pivots, vectors);
       for (std::ptrdiff_t v = 0; v < vectors; ++v) store_doubles(work[k] + v * kDoubles, pivots[v]);
     }
   }
