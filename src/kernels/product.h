@@ -236,10 +236,15 @@ __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width
   if (cols < L::kCount && !L::kMasked)
     for (std::ptrdiff_t i = 0; i < terms * width; ++i) to[i].value = 0;
   const auto* from = reinterpret_cast<const Stored<Bits>*>(b);
-  if (b_col == 1)
-    copy_block(from, b_row, terms, cols, to, width);
-  else
+  if (b_col != 1) {
     transpose_block<(L::kCount > 1)>(from, b_col, cols, terms, to, width);
+  } else if (cols == width && L::kCount > 1) {
+    using V = CompilerLanes<Bits, OX_LANE_BYTES>;
+    for (std::ptrdiff_t k = 0; k < terms; ++k, from += b_row, to += width)
+      for (std::ptrdiff_t j = 0; j < cols; j += V::kCount) V::store(to + j, V::load(from + j));
+  } else {
+    copy_block(from, b_row, terms, cols, to, width);
+  }
   if (negate) negate_panel(panel, width, terms, cols);
 }
 
