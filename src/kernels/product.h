@@ -172,8 +172,14 @@ OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms
   if constexpr (kRows > 1) rows_by<L, kFewer, kVectors>(f, rows, terms, c, dst, pitch, tail, watch);
 }
 
+// SSE2 takes two instructions to spread a factor. Shared by four vectors they cost less than what it takes to load two of
+// those again for each row, as twelve sums leave no room for them.
+template <class L>
+constexpr bool kSpreadsInTwo = OX_LANE_BYTES == 16 && kVectorRegisters == 16 && !L::kByLane &&
+                               sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
+
 // Running sums fill half the registers; factors and rows of b share the rest.
-template <class L> constexpr int kMostVectors = kVectorRegisters >= 32 ? 4 : 2;
+template <class L> constexpr int kMostVectors = kVectorRegisters >= 32 || kSpreadsInTwo<L> ? 4 : 2;
 template <class L, int kVectors> constexpr int rows_of_tile() {
   int rows = L::kByLane ? 4 : 8;  // by lane, the factors of each row take a register too
   while (rows > 1 && rows * kVectors * L::kRegistersPerSum > kVectorRegisters / 2) rows /= 2;
@@ -181,8 +187,9 @@ template <class L, int kVectors> constexpr int rows_of_tile() {
 }
 
 // 16 registers are filled by twelve sums, two vectors of b, a factor and a product: half as many sums need more loads and
-// turns. On 16-byte vectors spreading the factors takes what that spares.
+// turns.
 template <class L, int kVectors> constexpr int rows_of_band() {
+  if (kSpreadsInTwo<L> && kVectors == 4) return 3;
   return OX_LANE_BYTES == 32 && kVectors == 2 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>
              ? kRowsUnrolled
              : rows_of_tile<L, kVectors>();
