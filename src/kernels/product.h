@@ -465,8 +465,11 @@ template <class T> void product(const ProductArgs& p);
 
 // A column is computed as a row, so that lanes run along it: the product of two numbers has no order. Out of line, as all
 // that needs room on the stack: what only chooses a way should save no registers.
+template <class T> __attribute__((noinline)) void column_as_row(const ProductArgs& p) {
+  product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
+}
 template <class T> __attribute__((noinline)) void column_product(const ProductArgs& p) {
-  if (p.m > 1) return product<T>({1, p.m, p.k, p.b, 0, p.b_row, p.a, p.a_col, p.a_row, p.c, p.dst, p.subtract});
+  if (p.m > 1) return column_as_row<T>(p);
   plain_dot<T>({in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row}, p.k, in<T>(p.c), out<T>(p.dst), p.subtract);
 }
 

@@ -14,20 +14,21 @@ struct Extent {
   int32_t m, n, k;
 };
 
+// No terms: the addend alone, or zeros. The factors may have no storage at all.
+__attribute__((noinline)) inline void sum_without_terms(const ox_mat_t* c, const ox_mat_t& dst, Extent size) {
+  const std::size_t bytes = static_cast<std::size_t>(size.m) * static_cast<std::size_t>(size.n) * scalar_size(dst.type);
+  if (c)
+    std::memmove(dst.data, c->data, bytes);
+  else
+    std::memset(dst.data, 0, bytes);
+}
+
 // dst = c + or - a * b with either factor transposed; without c the products alone. A transposed factor is the same
 // storage with its strides exchanged.
 inline void product(const ox_mat_t& a, bool a_transposed, const ox_mat_t& b, bool b_transposed, const ox_mat_t* c,
                     const ox_mat_t& dst, Extent size, bool subtract) {
   if (size.m <= 0 || size.n <= 0) return;
-  if (size.k <= 0) {
-    // No terms: the addend alone, or zeros. The factors may have no storage at all.
-    const std::size_t bytes = static_cast<std::size_t>(size.m) * static_cast<std::size_t>(size.n) * scalar_size(dst.type);
-    if (c)
-      std::memmove(dst.data, c->data, bytes);
-    else
-      std::memset(dst.data, 0, bytes);
-    return;
-  }
+  if (size.k <= 0) return sum_without_terms(c, dst, size);
   ProductArgs p;
   p.m = size.m;
   p.n = size.n;
