@@ -19,10 +19,37 @@ void narrower_update(const ox_kalman_t& kf, const ox_mat_t& measurement) { kerne
 template <int kCols> using RowLanes = Lanes<float, (4 * kCols < OX_LANE_BYTES ? 4 * kCols : OX_LANE_BYTES)>;
 using FloatWatch = Watch<Lanes<float, 16>>;
 
+#if OX_LANE_BYTES == 32
+// Of four columns, two rows at once: half the factors to spread, and half the products and sums.
+template <int kRows, int kTerms>
+OX_INLINE void product_by_row_pairs(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c,
+                                    Stored<float>* dst) {
+  using L = FloatRowPairs;
+  constexpr std::ptrdiff_t kPairs = kRows / 2;
+  L::Sum sums[kPairs][1];
+#pragma GCC unroll 4
+  for (std::ptrdiff_t p = 0; p < kPairs; ++p) sums[p][0] = c ? L::load(c + p * L::kCount) : L::splat(kNoAddend<float>);
+  for (int k = 0; k < kTerms; k += 4, a += 4, b += 16) {
+    L::Vec factors[kPairs];
+#pragma GCC unroll 4
+    for (std::ptrdiff_t p = 0; p < kPairs; ++p) factors[p] = L::load_both(a + 2 * p * kTerms, a + (2 * p + 1) * kTerms);
+    add_lane<L, 0>(sums, factors, {L::load_twice(b)});
+    add_lane<L, 1>(sums, factors, {L::load_twice(b + 4)});
+    add_lane<L, 2>(sums, factors, {L::load_twice(b + 8)});
+    add_lane<L, 3>(sums, factors, {L::load_twice(b + 12)});
+  }
+#pragma GCC unroll 4
+  for (std::ptrdiff_t p = 0; p < kPairs; ++p) L::store(dst + p * L::kCount, sums[p][0]);
+}
+#endif
+
 // dst = c + a * b, or a * b where c is null, of packed matrices.
 template <int kRows, int kTerms, int kCols>
 OX_INLINE void fixed_product(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c, Stored<float>* dst,
                              FloatWatch& watch) {
+#if OX_LANE_BYTES == 32
+  if constexpr (kCols == 4 && kRows > 1) return product_by_row_pairs<kRows, kTerms>(a, b, c, dst);
+#endif
   using L = RowLanes<kCols>;
   constexpr int kVectors = kCols / L::kCount;
   std::ptrdiff_t rows = kRows;

@@ -117,9 +117,7 @@ void augment(InverseWork& work, const Stored<float>* src, int32_t n) {
 OX_INLINE double through_float(double x) { return static_cast<double>(static_cast<float>(x)); }
 template <int n> OX_INLINE Doubles<n> through_float(const Doubles<n>& v) { return widened<n>(rounded<n>(v)); }
 #if defined(__SSE2__)
-template <> OX_INLINE Doubles<2> through_float<2>(const Doubles<2>& v) {
-  return (Doubles<2>)_mm_cvtps_pd(_mm_cvtpd_ps((__m128d)v));
-}
+template <> OX_INLINE Doubles<2> through_float<2>(const Doubles<2>& v) { return through_floats(v); }
 #endif
 
 // A row of [A | I] for n = 4.
@@ -130,9 +128,7 @@ struct RowOf4 {
 #if OX_LANE_BYTES == 32
   OX_INLINE Doubles<2> first() const { return __builtin_shufflevector(part[0], part[0], 0, 1); }
   OX_INLINE Doubles<2> second() const { return __builtin_shufflevector(part[0], part[0], 2, 3); }
-  OX_INLINE void complete(Doubles<2> high) {
-    part[1] = (Doubles<4>)_mm256_insertf128_pd(_mm256_castpd128_pd256((__m128d)low), (__m128d)high, 1);
-  }
+  OX_INLINE void complete(Doubles<2> high) { part[1] = side_by_side(low, high); }
 #else
   OX_INLINE Doubles<2> first() const { return part[0]; }   // columns 0 and 1
   OX_INLINE Doubles<2> second() const { return part[1]; }  // columns 2 and 3

@@ -73,6 +73,18 @@ template <class To, class From> OX_INLINE To to_doubles(From v) {
 }
 #endif
 
+#if defined(__SSE2__)
+typedef double TwoDoubles __attribute__((vector_size(16)));
+// Rounded to floats and back. The compiler's own conversions clear what is behind two floats, or take doubles for four.
+OX_INLINE TwoDoubles through_floats(TwoDoubles v) { return (TwoDoubles)_mm_cvtps_pd(_mm_cvtpd_ps((__m128d)v)); }
+#endif
+#if OX_LANE_BYTES == 32
+typedef double FourDoubles __attribute__((vector_size(32)));
+OX_INLINE FourDoubles side_by_side(TwoDoubles low, TwoDoubles high) {
+  return (FourDoubles)_mm256_insertf128_pd(_mm256_castpd128_pd256((__m128d)low), (__m128d)high, 1);
+}
+#endif
+
 // The compiler's own vectors, of Bytes bytes.
 template <class T, int Bytes> struct CompilerLanes {
   using Scalar = T;
@@ -179,6 +191,23 @@ OX_INLINE void load_columns_of_4(CompilerLanes<uint32_t, 16>::Vec (&columns)[4],
 #pragma GCC unroll 4
   for (int c = 0; c < 4; ++c) columns[c] = (CompilerLanes<uint32_t, 16>::Vec)v.val[c];
 }
+#endif
+
+#if OX_LANE_BYTES == 32
+// Rows of four floats, two in a vector.
+struct FloatRowPairs : Lanes<float, 32> {
+  using Row = Lanes<float, 16>;
+  static OX_INLINE Vec load_twice(const Stored<float>* p) {
+    return (Vec)_mm256_broadcast_ps(reinterpret_cast<const __m128*>(p));
+  }
+  static OX_INLINE Vec load_both(const Stored<float>* low, const Stored<float>* high) {
+    return (Vec)_mm256_insertf128_ps(_mm256_castps128_ps256((__m128)Row::load(low)), (__m128)Row::load(high), 1);
+  }
+  // The factor of each half is one of its own.
+  template <int kLane> static OX_INLINE Sum mul_add_lane(Sum s, Vec a, Vec b) {
+    return mul_add(s, (Vec)_mm256_permute_ps((__m256)a, kLane * 0x55), b);
+  }
+};
 #endif
 
 #if OX_LANE_BYTES == 64
