@@ -257,12 +257,20 @@ __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width
 
 constexpr std::ptrdiff_t kPanelBytes = std::ptrdiff_t{14} * 1024;
 
+// Where a cache line begins in storage that has room for part of one more than is asked for. To have the compiler align
+// the storage itself takes code at every entry.
+constexpr std::size_t kCacheLine = 64;
+template <class T> OX_INLINE Stored<T>* line_in(Stored<T>* storage) {
+  return storage + (0 - reinterpret_cast<uintptr_t>(storage)) % kCacheLine / sizeof(T);
+}
+
 template <class L, int kVectors>
 __attribute__((noinline)) void band_by_panels(const ProductArgs& whole, std::ptrdiff_t cols, Watch<L>& watch) {
   using T = typename L::Scalar;
   constexpr std::ptrdiff_t kWidth = kVectors * L::kCount;
   constexpr std::ptrdiff_t kTerms = kPanelBytes / (kWidth * static_cast<std::ptrdiff_t>(sizeof(T)));
-  Stored<T> panel[kTerms * kWidth];
+  alignas(8) Stored<T> storage[kTerms * kWidth + (kCacheLine - 8) / sizeof(T)];
+  Stored<T>* const panel = line_in(storage);
   // Field by field: a copy as a whole would be by vectors, which have to wait for the words just stored.
   ProductArgs p = {whole.m,     whole.n, whole.k, whole.a, whole.a_row, whole.a_col, panel,
                    kWidth, 1, whole.c, whole.dst, whole.subtract};
