@@ -155,7 +155,6 @@ void invert_any(InverseWork& work, int32_t n, const void* src, void* dst);
 // where it can be for two rows at once. Columns of I are left out as below. Until rows have to be exchanged nothing is
 // written.
 void invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
-  const auto at = [src](int row, int column) { return static_cast<double>(src[4 * row + column].value); };
   RowOf4 rows[4];
 #pragma GCC unroll 4
   for (std::ptrdiff_t i = 0; i < 4; ++i)
@@ -163,12 +162,15 @@ void invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
     for (std::ptrdiff_t p = 0; p < kPartsOf4 / 2; ++p)
       rows[i].part[p] = widened<kPartOf4>(load_floats<kPartOf4>(src + 4 * i + p * kPartOf4));
 
-  const double p0 = at(0, 0), a01 = at(0, 1);
+  const Doubles<2> first0 = rows[0].first(), first1 = rows[1].first();
+  const Doubles<2> first2 = rows[2].first(), first3 = rows[3].first();
+  // From memory once more: the first factor waits for nothing else.
+  const double p0 = static_cast<double>(src->value), a01 = lane_of(first0, 1), a02 = lane_of(rows[0].second(), 0);
   if (p0 == 0.0) return invert_any(work, 4, src, dst);
-  const double f1 = at(1, 0) / p0;
-  const Doubles<2> f23 = pair_of(at(2, 0), at(3, 0)) / p0;
-  const double p1 = through_float(at(1, 1) - a01 * f1);
-  const Doubles<2> next23 = through_float<2>(pair_of(at(2, 1), at(3, 1)) - f23 * a01);
+  const double f1 = static_cast<double>(src[4].value) / p0;
+  const Doubles<2> f23 = pair_of(lane_of(first2, 0), lane_of(first3, 0)) / p0;
+  const double p1 = through_float(lane_of(first1, 1) - a01 * f1);
+  const Doubles<2> next23 = through_float<2>(pair_of(lane_of(first2, 1), lane_of(first3, 1)) - f23 * a01);
   eliminate<kPartsOf4 / 2>(rows[1], rows[0], f1);
   eliminate<kPartsOf4 / 2>(rows[2], rows[0], lane_of(f23, 0));
   eliminate<kPartsOf4 / 2>(rows[3], rows[0], lane_of(f23, 1));
@@ -184,7 +186,7 @@ void invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
   const Doubles<2> row1 = rows[1].second(), old2 = rows[2].second(), old3 = rows[3].second();
   const double a12 = lane_of(row1, 0);
   const Doubles<2> after23 = through_float<2>(pair_of(lane_of(old2, 0), lane_of(old3, 0)) - g23 * a12);
-  const double after0 = through_float(at(0, 2) - a12 * g0);
+  const double after0 = through_float(a02 - a12 * g0);
   eliminate_with_low(rows[2], rows[1], lane_of(g23, 0));
   eliminate_with_low(rows[3], rows[1], lane_of(g23, 1));
   eliminate_with_low(rows[0], rows[1], g0);
