@@ -65,6 +65,18 @@ void contend_ox(const std::string& table, const std::string& row, const Answer& 
   }
 }
 
+// The limit of what moves each scalar once.
+void contend_memcpy(const std::string& table, const std::string& row, const Operands& o) {
+  const std::size_t bytes = o.count() * scalar_bytes(o.depth);
+  const auto copied = std::make_shared<Reference>([o] {
+    Expected expected{std::vector<double>(o.count()), {}};
+    for (std::size_t i = 0; i < o.count(); ++i) expected.value[i] = scalar(o.depth, o.a, i);
+    return expected;
+  });
+  contend(table, row, "memcpy", array_answer(o.depth, o.dst, o.count(), copied),
+          [=] { std::memcpy(o.dst, o.a, bytes); });
+}
+
 void register_operation(const Operands& o, const char* depth_name, Operation operation) {
   const std::string table = "elementwise";
   const std::string row =
@@ -79,14 +91,7 @@ void register_operation(const Operands& o, const char* depth_name, Operation ope
             [o, run = routine(*author, operation, o.depth), second = operation == kScale ? o.factor : o.b] {
               run(o.a, second, o.dst, o.n * o.n);
             });
-  const std::size_t bytes = o.count() * scalar_bytes(o.depth);
-  const auto copied = std::make_shared<Reference>([o] {
-    Expected expected{std::vector<double>(o.count()), {}};
-    for (std::size_t i = 0; i < o.count(); ++i) expected.value[i] = scalar(o.depth, o.a, i);
-    return expected;
-  });
-  contend(table, row, "memcpy", array_answer(o.depth, o.dst, o.count(), copied),
-          [=] { std::memcpy(o.dst, o.a, bytes); });
+  contend_memcpy(table, row, o);
 }
 
 void register_transpose(const Operands& o, const char* depth_name) {
@@ -106,6 +111,7 @@ void register_transpose(const Operands& o, const char* depth_name) {
     if (const Rivals* rival = rivals(name))
       contend("transpose", row, std::string("eigen ") + name, answer,
               [=, run = rival->eigen.transpose[o.depth]] { run(o.a, o.dst, o.n); });
+  contend_memcpy("transpose", row, o);
 }
 
 }  // namespace

@@ -66,10 +66,34 @@ void register_size(long n) {
     });
 }
 
+// What is left of an inverse of ox's kind without the factors, the reciprocals, the exchange of rows and the copies: the
+// steps alone, as many as it takes with the columns of I that no factor has met left out, on the widest vectors.
+void register_steps(long n) {
+  const Rivals* widest = nullptr;
+  for (const char* name : {"sse2", "avx2", "native"})
+    if (const Rivals* rival = rivals(name))
+      if (!widest || rival->peak_bytes > widest->peak_bytes) widest = rival;
+  if (!widest) return;
+  const long lanes_a_step = widest->peak_bytes / 8;
+  long steps = 0;
+  for (long k = 0; k < n; ++k) {
+    const long columns = k < n - 2 ? n + k + 1 : 2 * n;
+    steps += (n - 1) * ((columns + lanes_a_step - 1) / lanes_a_step);
+  }
+  const auto sum = static_cast<double*>(new_array(OX_F64, 2));
+  const auto ones = std::make_shared<Reference>([sum] { return Expected{{sum[1]}, {}}; });
+  contend("inverse", std::to_string(n), "steps alone", array_answer(OX_F64, sum, 2, ones), [=] {
+    long lanes;
+    sum[0] = widest->eliminate(steps, &lanes);
+    sum[1] = static_cast<double>(lanes);  // every number ends as it starts, at exactly 1
+  });
+}
+
 }  // namespace
 
 void register_contests() {
   for (const long n : {2L, 4L, 8L, 16L, 40L}) register_size(n);
+  register_steps(40);
 }
 
 }  // namespace bench

@@ -47,6 +47,9 @@ struct Rivals {
   // registers and in independent chains. Returns the sum of all lanes, of which each is 1 but for rounding, and writes
   // how many lanes these are.
   double (*peak)(long pairs, long* lanes);
+  // The same for so many steps of an elimination, of peak_bytes / 8 numbers each, which are floats in memory and doubles
+  // in between.
+  double (*eliminate)(long steps, long* lanes);
   int peak_bytes;
 };
 
