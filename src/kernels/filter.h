@@ -24,6 +24,7 @@ using FloatWatch = Watch<Lanes<float, 16>>;
 template <int kRows, int kTerms>
 OX_INLINE void product_by_row_pairs(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c,
                                     Stored<float>* dst) {
+  static_assert(kRows % 2 == 0 && kTerms % 4 == 0);
   using L = FloatRowPairs;
   constexpr std::ptrdiff_t kPairs = kRows / 2;
   L::Sum sums[kPairs][1];

@@ -178,7 +178,7 @@ template <class L>
 constexpr bool kSpreadsInTwo = OX_LANE_BYTES == 16 && kVectorRegisters == 16 && !L::kByLane &&
                                sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
 
-// Running sums fill half the registers; factors and rows of b share the rest.
+// Running sums fill half the registers, where rows_of_band knows no better; factors and rows of b share the rest.
 template <class L> constexpr int kMostVectors = kVectorRegisters >= 32 || kSpreadsInTwo<L> ? 4 : 2;
 template <class L, int kVectors> constexpr int rows_of_tile() {
   int rows = L::kByLane ? 4 : 8;  // by lane, the factors of each row take a register too
