@@ -46,7 +46,6 @@ template <int n> OX_INLINE Doubles<n> operator/(const Doubles<n>& a, const Doubl
   return each_lane<Doubles<n>>([&](int i) { return a.lane[i] / b.lane[i]; });
 }
 OX_INLINE double lane_of(const Doubles<2>& v, int i) { return v.lane[i]; }
-OX_INLINE Doubles<2> pair_of(double a, double b) { return {{a, b}}; }
 template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
   return each_lane<Floats<n>>([=](int i) { return p[i].value; });
 }
@@ -63,10 +62,6 @@ template <int n> using Doubles = typename VectorOf<double, n>::Vec;
 template <int n> OX_INLINE Doubles<n> widened(Floats<n> v) { return to_doubles<Doubles<n>>(v); }
 template <int n> OX_INLINE Floats<n> rounded(Doubles<n> v) { return __builtin_convertvector(v, Floats<n>); }
 OX_INLINE double lane_of(Doubles<2> v, int i) { return v[i]; }
-OX_INLINE Doubles<2> pair_of(double a, double b) {
-  const Doubles<2> v = {a, b};
-  return v;
-}
 template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
   Floats<n> v;
   __builtin_memcpy(&v, p, sizeof v);
@@ -74,6 +69,11 @@ template <int n> OX_INLINE Floats<n> load_floats(const Stored<float>* p) {
 }
 template <int n> OX_INLINE void store_floats(Stored<float>* p, Floats<n> v) { __builtin_memcpy(p, &v, sizeof v); }
 #endif
+
+OX_INLINE Doubles<2> pair_of(double a, double b) {
+  const Doubles<2> v = {a, b};
+  return v;
+}
 
 OX_INLINE Doubles<kDoubles> load_doubles(const float* p) {
   return widened<kDoubles>(load_floats<kDoubles>(in<float>(p)));
@@ -125,18 +125,29 @@ constexpr int kPartOf4 = OX_LANE_BYTES == 32 ? 4 : 2, kPartsOf4 = 8 / kPartOf4;
 struct RowOf4 {
   Doubles<kPartOf4> part[kPartsOf4];
   Doubles<2> low;  // columns 4 and 5 up to step 1, when columns 6 and 7 are still I's
+  // Columns 0 and 1, columns 2 and 3.
+  OX_INLINE Doubles<2> first() const {
 #if OX_LANE_BYTES == 32
-  OX_INLINE Doubles<2> first() const { return __builtin_shufflevector(part[0], part[0], 0, 1); }
-  OX_INLINE Doubles<2> second() const { return __builtin_shufflevector(part[0], part[0], 2, 3); }
-  OX_INLINE void complete(Doubles<2> high) { part[1] = side_by_side(low, high); }
+    return __builtin_shufflevector(part[0], part[0], 0, 1);
 #else
-  OX_INLINE Doubles<2> first() const { return part[0]; }   // columns 0 and 1
-  OX_INLINE Doubles<2> second() const { return part[1]; }  // columns 2 and 3
+    return part[0];
+#endif
+  }
+  OX_INLINE Doubles<2> second() const {
+#if OX_LANE_BYTES == 32
+    return __builtin_shufflevector(part[0], part[0], 2, 3);
+#else
+    return part[1];
+#endif
+  }
   OX_INLINE void complete(Doubles<2> high) {
+#if OX_LANE_BYTES == 32
+    part[1] = side_by_side(low, high);
+#else
     part[2] = low;
     part[3] = high;
-  }
 #endif
+  }
 };
 
 // A step of the elimination in a row, in the first kParts of it.
