@@ -163,8 +163,8 @@ OX_INLINE void eliminate_with_low(RowOf4& row, const RowOf4& pivots, double fact
 void invert_any(InverseWork& work, int32_t n, const void* src, void* dst);
 
 // n = 4, a tracker's, with [A | I] in registers. What the next factors wait for is computed by itself, ahead of the rows,
-// where it can be for two rows at once. Columns of I are left out as below. Until rows have to be exchanged nothing is
-// written.
+// for two of them at once where it can be. Columns of I are left out as below. Nothing is written before it is known that
+// no rows have to be exchanged: invert_any starts anew.
 void invert_4(InverseWork& work, const Stored<float>* src, Stored<float>* dst) {
   RowOf4 rows[4];
 #pragma GCC unroll 4
