@@ -267,19 +267,17 @@ template <class T> OX_INLINE Stored<T>* line_in(Stored<T>* storage) {
   return storage + (0 - reinterpret_cast<uintptr_t>(storage)) % kCacheLine / sizeof(T);
 }
 
-template <class L, int kVectors>
-__attribute__((noinline)) void band_by_panels(const ProductArgs& whole, std::ptrdiff_t cols, Watch<L>& watch) {
-  using T = typename L::Scalar;
+// Panels of most_terms rows at most, whose storage begins with a cache line.
+template <class L, int kVectors, class T = typename L::Scalar>
+void band_by_panels_in(Stored<T>* panel, std::ptrdiff_t most_terms, const ProductArgs& whole, std::ptrdiff_t cols,
+                       Watch<L>& watch) {
   constexpr std::ptrdiff_t kWidth = kVectors * L::kCount;
-  constexpr std::ptrdiff_t kTerms = kPanelBytes / (kWidth * static_cast<std::ptrdiff_t>(sizeof(T)));
-  alignas(8) Stored<T> storage[kTerms * kWidth + (kCacheLine - 8) / sizeof(T)];
-  Stored<T>* const panel = line_in(storage);
   // Field by field: a copy as a whole would be by vectors, which have to wait for the words just stored.
   ProductArgs p = {whole.m,     whole.n, whole.k, whole.a, whole.a_row, whole.a_col, panel,
                    kWidth, 1, whole.c, whole.dst, whole.subtract};
   std::ptrdiff_t k = 0;
   do {
-    p.k = whole.k - k < kTerms ? whole.k - k : kTerms;
+    p.k = whole.k - k < most_terms ? whole.k - k : most_terms;
     fill_panel<L>(panel, kWidth, in<T>(whole.b) + k * whole.b_row, whole.b_row, whole.b_col, p.k, cols, p.subtract);
     p.a = in<T>(whole.a) + k * p.a_col;
     if (L::kMasked || cols >= L::kCount) {
@@ -302,17 +300,49 @@ __attribute__((noinline)) void band_by_panels(const ProductArgs& whole, std::ptr
       }
     }
     p.c = p.dst;
-    k += kTerms;
+    k += most_terms;
   } while (k < whole.k);
 }
 
+template <class L, int kVectors> constexpr std::ptrdiff_t terms_of_panel(std::ptrdiff_t bytes) {
+  return bytes / (kVectors * L::kCount * static_cast<std::ptrdiff_t>(sizeof(typename L::Scalar)));
+}
+
 template <class L, int kVectors>
-OX_INLINE void columns(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watch) {
+__attribute__((noinline)) void band_by_panels(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watch) {
   using T = typename L::Scalar;
-  // Rows of b that lie on many pages are better brought together when many rows of a meet them.
-  const bool far_apart = p.m >= 32 && p.k * p.b_row * static_cast<std::ptrdiff_t>(sizeof(T)) > std::ptrdiff_t{32} * 1024;
+  alignas(8) Stored<T> storage[(kPanelBytes + kCacheLine - 8) / sizeof(T)];
+  band_by_panels_in<L, kVectors>(line_in(storage), terms_of_panel<L, kVectors>(kPanelBytes), p, cols, watch);
+}
+
+// Whether rows of b lie on so many pages that they are better brought together, where many rows of a meet them.
+template <class T> OX_INLINE bool far_apart(const ProductArgs& p) {
+  return p.m >= 32 && p.k * p.b_row * static_cast<std::ptrdiff_t>(sizeof(T)) > std::ptrdiff_t{32} * 1024;
+}
+
+// Longer panels than the stack has room for stand in the last rows of the result, until these are due themselves: sums
+// seldom wait in the result then, and rows of a are read through.
+template <class L> constexpr bool kLends = OX_LANE_BYTES > 16 && kIsFloat<typename L::Scalar>;
+constexpr std::ptrdiff_t kLentBytes = std::ptrdiff_t{32} * 1024;  // what a first-level cache holds
+
+// How many rows: whole tiles, an eighth of the result at most, or none.
+template <class L> std::ptrdiff_t rows_to_lend(const ProductArgs& p) {
+  using T = typename L::Scalar;
+  constexpr std::ptrdiff_t kSize = sizeof(T), kTile = rows_of_band<L, kMostVectors<L>>();
+  const std::ptrdiff_t panel = p.k * kMostVectors<L> * L::kCount * kSize;
+  // Columns of a, a scalar from each line, are not better read through.
+  if (p.c || p.a_col != 1 || (p.b_col == 1 && !far_apart<T>(p))) return 0;
+  const std::ptrdiff_t bytes = (panel < kLentBytes ? panel : kLentBytes) + static_cast<std::ptrdiff_t>(kCacheLine);
+  const std::ptrdiff_t rows = (bytes / (p.n * kSize) / kTile + 1) * kTile;
+  return p.m < 8 * rows ? 0 : rows;
+}
+
+template <class L, int kVectors, class T>
+OX_INLINE void columns(const ProductArgs& p, Stored<T>* lent, std::ptrdiff_t cols, Watch<L>& watch) {
   const bool narrow = !L::kMasked && cols < L::kCount;
-  if (p.b_col == 1 && !narrow && !far_apart && !p.subtract)
+  if (kLends<L> && lent)
+    band_by_panels_in<L, kVectors>(lent, terms_of_panel<L, kVectors>(kLentBytes), p, cols, watch);
+  else if (p.b_col == 1 && !narrow && !far_apart<T>(p) && !p.subtract)
     band<L, kVectors>(p, cols, watch);
   else
     band_by_panels<L, kVectors>(p, cols, watch);
@@ -321,27 +351,42 @@ OX_INLINE void columns(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watc
 template <class L> __attribute__((noinline)) void product_in(const ProductArgs& whole) {
   using T = typename L::Scalar;
   Watch<L> watch;
-  if (whole.n <= L::kCount) return columns<L, 1>(whole, whole.n, watch);
+  if (whole.n <= L::kCount) return columns<L, 1, T>(whole, nullptr, whole.n, watch);
   ProductArgs p = {whole.m,     whole.n,     whole.k, whole.a,   whole.a_row,   whole.a_col, whole.b,
                    whole.b_row, whole.b_col, whole.c, whole.dst, whole.subtract};
-  for (std::ptrdiff_t rest = whole.n; rest > 0;) {
-    const std::ptrdiff_t vectors = (rest + L::kCount - 1) / L::kCount;
-    std::ptrdiff_t cols = rest;
-    // An odd vector goes first, so that the last of the row, which may be moved left, has the one it overlaps beside it.
-    if (vectors % 2 == 1) {
-      cols = L::kCount;
-      columns<L, 1>(p, cols, watch);
-    } else if (kMostVectors<L> < 4 || vectors == 2) {
-      if (vectors > 2) cols = 2 * L::kCount;
-      columns<L, 2>(p, cols, watch);
-    } else if constexpr (kMostVectors<L> >= 4) {
-      if (vectors > 4) cols = 4 * L::kCount;
-      columns<L, 4>(p, cols, watch);
+  Stored<T>* lent = nullptr;
+  if (kLends<L> && p.k > terms_of_panel<L, kMostVectors<L>>(kPanelBytes)) {
+    const std::ptrdiff_t rows = rows_to_lend<L>(whole);
+    p.m -= rows;
+    if (rows > 0) lent = line_in(out<T>(p.dst) + p.m * p.n);
+  }
+  for (;;) {
+    for (std::ptrdiff_t rest = p.n; rest > 0;) {
+      const std::ptrdiff_t vectors = (rest + L::kCount - 1) / L::kCount;
+      std::ptrdiff_t cols = rest;
+      // An odd vector goes first, so that the last of the row, which may be moved left, has the one that it overlaps
+      // beside it.
+      if (vectors % 2 == 1) {
+        cols = L::kCount;
+        columns<L, 1>(p, lent, cols, watch);
+      } else if (kMostVectors<L> < 4 || vectors == 2) {
+        if (vectors > 2) cols = 2 * L::kCount;
+        columns<L, 2>(p, lent, cols, watch);
+      } else if constexpr (kMostVectors<L> >= 4) {
+        if (vectors > 4) cols = 4 * L::kCount;
+        columns<L, 4>(p, lent, cols, watch);
+      }
+      rest -= cols;
+      p.b = in<T>(p.b) + cols * p.b_col;
+      if (p.c) p.c = in<T>(p.c) + cols;
+      p.dst = out<T>(p.dst) + cols;
     }
-    rest -= cols;
-    p.b = in<T>(p.b) + cols * p.b_col;
-    if (p.c) p.c = in<T>(p.c) + cols;
-    p.dst = out<T>(p.dst) + cols;
+    if (!kLends<L> || !lent) return;
+    lent = nullptr;
+    p.a = in<T>(p.a) + p.m * p.a_row;
+    p.b = whole.b;
+    p.dst = out<T>(whole.dst) + p.m * p.n;
+    p.m = whole.m - p.m;
   }
 }
 

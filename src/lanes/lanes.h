@@ -104,7 +104,8 @@ template <class T, int Bytes> struct CompilerLanes {
   static OX_INLINE Vec splat(T x) {
 #if defined(__SSE2__)
     // SSE2 spreads words of 32 bits in one instruction, and fills one up sooner by a product than in a vector.
-    if constexpr (Bytes == 16 && sizeof(T) < 4) return (Vec)CompilerLanes<uint32_t, Bytes>::splat(x * (~0u / static_cast<T>(~0)));
+    if constexpr (Bytes == 16 && sizeof(T) < 4)
+      return (Vec)CompilerLanes<uint32_t, Bytes>::splat(x * (~0u / static_cast<T>(~0)));
 #endif
     return x - Vec{};  // x - 0 is x, -0 too; the compiler makes it a broadcast
   }

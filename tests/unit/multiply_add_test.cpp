@@ -539,6 +539,17 @@ template <class D>
 class MulAddAndSubMulOfFloats : public testing::Test {};
 TYPED_TEST_SUITE(MulAddAndSubMulOfFloats, support::FloatDepths, support::DepthName);
 
+#if defined(__x86_64__)  // where there are vectors of more than 16 bytes
+// So large a product alone puts panels of more than 14 KiB into the last rows of its result. Here these are the addend.
+TYPED_TEST(MulAddAndSubMulOfFloats, KeepAnAddendInPlaceWhateverItsSize) {
+  support::Random random(3211);
+  Product<TypeParam> product(random, 700);
+  for (const Form form : kForms)
+    for (const std::int32_t row_bytes : {64, 256})
+      ASSERT_TRUE(product.agrees(random.between(540, 600), random.between(150, 200), 14 * 1024 / row_bytes + 1, form));
+}
+#endif
+
 TYPED_TEST(MulAddAndSubMulOfFloats, HonourSubnormalTermsSumsFactorsAndAddends) {
   using T = typename TypeParam::Scalar;
   support::Random random(3208);
