@@ -152,6 +152,37 @@ template <int Bytes> struct Lanes<uint8_t, Bytes> : ApartLanes<uint8_t, uint16_t
 template <int Bytes> struct Lanes<uint32_t, Bytes> : ApartLanes<uint32_t, uint64_t, Bytes> {};
 #endif
 
+#if defined(__SSE2__) && OX_LANE_BYTES < 64
+// Products of halves: of both low ones, and crosswise, of which the low half counts, as a high one. These are summed
+// apart, to be moved there once.
+template <int Bytes> struct Lanes<uint64_t, Bytes> : CompilerLanes<uint64_t, Bytes> {
+  using Vec = typename CompilerLanes<uint64_t, Bytes>::Vec;
+  struct Sum {
+    Vec low, crosswise;
+  };
+  using Factor = Vec;
+  static constexpr int kRegistersPerSum = 2;
+  static constexpr bool kByLane = false;
+  static OX_INLINE Sum start(Vec c) { return {c, Vec{}}; }
+  static OX_INLINE Factor factor(uint64_t x) { return CompilerLanes<uint64_t, Bytes>::splat(x); }
+#if OX_LANE_BYTES == 32  // both crosswise products at once, a sum of 32 bits in either half
+  static OX_INLINE Vec finish(Sum s) { return s.low + (s.crosswise << 32) + (s.crosswise >> 32 << 32); }
+  static OX_INLINE Sum mul_add(Sum s, Factor a, Vec b) {
+    const __m256i exchanged = _mm256_shuffle_epi32((__m256i)b, 0xB1);
+    return {s.low + (Vec)_mm256_mul_epu32((__m256i)a, (__m256i)b),
+            (Vec)_mm256_add_epi32((__m256i)s.crosswise, _mm256_mullo_epi32((__m256i)a, exchanged))};
+  }
+#else
+  static OX_INLINE Vec finish(Sum s) { return s.low + (s.crosswise << 32); }
+  static OX_INLINE Sum mul_add(Sum s, Factor a, Vec b) {
+    return {s.low + (Vec)_mm_mul_epu32((__m128i)a, (__m128i)b),
+            s.crosswise + (Vec)_mm_mul_epu32((__m128i)a, (__m128i)(b >> 32)) +
+                (Vec)_mm_mul_epu32((__m128i)(a >> 32), (__m128i)b)};
+  }
+#endif
+};
+#endif
+
 #if defined(__arm__)
 // ARMv7: no vectors of doubles, no products of 64-bit lanes.
 template <int Bytes> struct Lanes<double, Bytes> : OneLane<double> {};
