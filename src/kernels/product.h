@@ -134,7 +134,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
       }
     }
   }
-  if constexpr (kRows == kRowsUnrolled) {
+  if constexpr (kRows == kRowsUnrolled && kVectors == 2) {
 #pragma GCC unroll 2
     for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
       load_row<L>(row, b, tail);
@@ -181,21 +181,31 @@ OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms
   if constexpr (kRows > 1) rows_by<L, kFewer, kVectors>(f, rows, terms, c, dst, pitch, tail, watch);
 }
 
-// Running sums fill half the registers, where rows_of_band knows no better; factors and rows of b share the rest.
-template <class L> constexpr int kMostVectors = kVectorRegisters >= 32 || kSpreadsInTwo<L> ? 4 : 2;
+// Running sums fill half the registers, where widest_tile knows no better; factors and rows of b share the rest.
 template <class L, int kVectors> constexpr int rows_of_tile() {
   int rows = L::kByLane ? 4 : 8;  // by lane, the factors of each row take a register too
   while (rows > 1 && rows * kVectors * L::kRegistersPerSum > kVectorRegisters / 2) rows /= 2;
   return rows;
 }
 
-// 16 registers are filled by twelve sums, two vectors of b, a factor and a product: half as many sums need more loads and
-// turns.
+struct Shape {
+  int rows, vectors;
+};
+// Where the shapes were measured, twelve registers of sums: with half as many, a term takes more loads for each product.
+template <class L> constexpr Shape widest_tile() {
+  using T = typename L::Scalar;
+  if (kSpreadsInTwo<L>) return {3, 4};
+  if (OX_LANE_BYTES == 32) {
+    if (kIsFloat<T>) return {kRowsUnrolled, 2};
+    if (sizeof(T) == 4) return {3, 4};
+    if (sizeof(T) == 1) return {kRowsUnrolled, 1};
+  }
+  constexpr int kVectors = kVectorRegisters >= 32 ? 4 : 2;
+  return {rows_of_tile<L, kVectors>(), kVectors};
+}
+template <class L> constexpr int kMostVectors = widest_tile<L>().vectors;
 template <class L, int kVectors> constexpr int rows_of_band() {
-  if (kSpreadsInTwo<L> && kVectors == 4) return 3;
-  return OX_LANE_BYTES == 32 && kVectors == 2 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>
-             ? kRowsUnrolled
-             : rows_of_tile<L, kVectors>();
+  return kVectors == kMostVectors<L> ? widest_tile<L>().rows : rows_of_tile<L, kVectors>();
 }
 
 // A band: the first cols columns, kVectors vectors, of a result whose rows are p.n apart. Rows of b are contiguous.
@@ -366,7 +376,7 @@ template <class L> __attribute__((noinline)) void product_in(const ProductArgs& 
       std::ptrdiff_t cols = rest;
       // An odd vector goes first, so that the last of the row, which may be moved left, has the one that it overlaps
       // beside it.
-      if (vectors % 2 == 1) {
+      if (vectors % 2 == 1 || (kMostVectors<L> == 1 && (vectors > 2 || rest == 2 * L::kCount))) {
         cols = L::kCount;
         columns<L, 1>(p, lent, cols, watch);
       } else if (kMostVectors<L> < 4 || vectors == 2) {

@@ -8,11 +8,6 @@
 #include "kernels/nearest.h"
 #include "kernels/product.h"
 
-#if defined(__x86_64__)
-// Where a loop stands in a cache line decides over a few percent: this code begins with one, wherever it is linked.
-asm(".text\n\t.p2align 6");
-#endif
-
 namespace ox {
 
 namespace {
