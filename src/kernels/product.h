@@ -86,12 +86,15 @@ OX_INLINE void add_term(typename L::Sum (&sums)[kRows][kVectors], const Stored<T
 
 // SSE2 takes two instructions to spread a factor. Shared by four vectors they cost less than what it takes to load two of
 // those again for each row, as twelve sums leave no room for them.
+#if defined(__x86_64__)
 template <class L>
-constexpr bool kSpreadsInTwo = OX_LANE_BYTES == 16 && kVectorRegisters == 16 && !L::kByLane &&
-                               sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
+constexpr bool kSpreadsInTwo = OX_LANE_BYTES == 16 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
+#else
+template <class L> constexpr bool kSpreadsInTwo = false;
+#endif
 
-// A tile of so many rows takes two terms a turn, as what it does beside products and sums is all that it could be faster
-// by. A pragma cannot depend on the template, so its loop stands twice.
+// A tile of so many rows, of two vectors, takes two terms a turn, as what it does beside products and sums is all that it
+// could be faster by. A pragma cannot depend on the template, so its loop stands twice.
 constexpr int kRowsUnrolled = 6;
 
 // kRows x kVectors vectors of the result. All are loaded before the first is stored, so dst may be c even where the
@@ -245,7 +248,8 @@ OX_INLINE void negate_panel(Stored<T>* panel, std::ptrdiff_t width, std::ptrdiff
 }
 
 // Rows of b that are short of a vector, or are columns of a transposed factor, or lie far apart, are brought together
-// in a panel on the stack: terms rows of `width` scalars, whole vectors unless the machine has none of the type.
+// in a panel, on the stack or in the result: terms rows of `width` scalars, whole vectors unless the machine has none of
+// the type.
 template <class L, class T>
 __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width, const Stored<T>* b,
                                           std::ptrdiff_t b_row, std::ptrdiff_t b_col, std::ptrdiff_t terms,
@@ -277,7 +281,7 @@ template <class T> OX_INLINE Stored<T>* line_in(Stored<T>* storage) {
   return storage + (0 - reinterpret_cast<uintptr_t>(storage)) % kCacheLine / sizeof(T);
 }
 
-// Panels of most_terms rows at most, whose storage begins with a cache line.
+// By panels of most_terms rows at most.
 template <class L, int kVectors, class T = typename L::Scalar>
 void band_by_panels_in(Stored<T>* panel, std::ptrdiff_t most_terms, const ProductArgs& whole, std::ptrdiff_t cols,
                        Watch<L>& watch) {
