@@ -208,7 +208,8 @@ template <class L> constexpr Shape widest_tile() {
 }
 template <class L> constexpr int kMostVectors = widest_tile<L>().vectors;
 template <class L, int kVectors> constexpr int rows_of_band() {
-  return kVectors == kMostVectors<L> ? widest_tile<L>().rows : rows_of_tile<L, kVectors>();
+  constexpr Shape kWidest = widest_tile<L>();
+  return kVectors == kWidest.vectors ? kWidest.rows : rows_of_tile<L, kVectors>();
 }
 
 // A band: the first cols columns, kVectors vectors, of a result whose rows are p.n apart. Rows of b are contiguous.
