@@ -338,6 +338,7 @@ template <class T> OX_INLINE bool far_apart(const ProductArgs& p) {
 // Longer panels than the stack has room for stand in the last rows of the result, until these are due themselves: sums
 // seldom wait in the result then, and rows of a are read through.
 template <class L> constexpr bool kLends = OX_LANE_BYTES > 16 && kIsFloat<typename L::Scalar>;
+// More than a first-level cache holds: that all terms come in one pass matters more.
 constexpr std::ptrdiff_t kLentBytes = std::ptrdiff_t{64} * 1024;
 
 // How many rows: whole tiles, an eighth of the result at most, or none.
