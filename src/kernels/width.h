@@ -12,8 +12,13 @@ namespace ox {
 
 namespace {
 
-template <class Bits> void transpose(const void* src, std::ptrdiff_t rows, std::ptrdiff_t cols, void* dst) {
+template <int kSizeLog2> void transpose(const void* src, std::ptrdiff_t rows, std::ptrdiff_t cols, void* dst) {
+#if OX_LANE_BYTES == 64
+  kernels_32.transpose[kSizeLog2](src, rows, cols, dst);
+#else
+  using Bits = typename BitsOfSize<1 << kSizeLog2>::type;
   transpose_block<false>(in<Bits>(src), cols, rows, cols, out<Bits>(dst), rows);
+#endif
 }
 
 }  // namespace
@@ -30,7 +35,7 @@ const Kernels OX_TABLE = {
     OX_BY_DEPTH(scale_each),
     OX_BY_DEPTH(negate_each),
     OX_BY_DEPTH(fill_ones),
-    {transpose<uint8_t>, transpose<uint16_t>, transpose<uint32_t>, transpose<uint64_t>},
+    {transpose<0>, transpose<1>, transpose<2>, transpose<3>},
     gauss_jordan,
     nearest<FloatLanes>,
 #if OX_LANE_BYTES == 64
