@@ -55,7 +55,8 @@ OX_INLINE void fixed_product(const Stored<float>* a, const Stored<float>* b, con
   constexpr int kVectors = kCols / L::kCount;
   std::ptrdiff_t rows = kRows;
   Factors<float> f{a, kTerms, 1, b, kCols};
-  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, kTerms, c, dst, kCols, {kCols - L::kCount, {}}, watch);
+  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, kTerms, c, dst, kCols, MovedTail<L>{kCols - L::kCount},
+                                                     watch);
 }
 
 __attribute__((noinline)) void product_of_states(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c,

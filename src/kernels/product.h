@@ -20,10 +20,17 @@ template <class T> struct Factors {
   std::ptrdiff_t b_row;  // rows of b, or of a panel of it, are contiguous here
 };
 
-// Where the last vector of a tile stands: moved left to end with the row, or masked.
-template <class L> struct Tail {
+// How the last vector of a tile is loaded and stored: moved left to end with the row,
+template <class L> struct MovedTail {
   std::ptrdiff_t offset;
+  template <class T> OX_INLINE typename L::Vec load(const Stored<T>* p) const { return L::load(p + offset); }
+  template <class T> OX_INLINE void store(Stored<T>* p, typename L::Vec v) const { L::store(p + offset, v); }
+};
+// or masked, where the row is shorter than a vector: a load through a mask costs the vector unit an operation.
+template <class L> struct MaskedTail {
   typename L::Mask mask;
+  template <class T> OX_INLINE typename L::Vec load(const Stored<T>* p) const { return L::load(p, mask); }
+  template <class T> OX_INLINE void store(Stored<T>* p, typename L::Vec v) const { L::store(p, v, mask); }
 };
 
 // Sums start from the addend, or from -0: -0 + x is x, the sign of a zero included, so the first product is as if stored.
@@ -55,18 +62,18 @@ __attribute__((noinline)) void plain(Factors<T> f, std::ptrdiff_t b_col, std::pt
 }
 
 // One row of b, kVectors vectors of it.
-template <class L, int kVectors, class T>
-OX_INLINE void load_row(typename L::Vec (&row)[kVectors], const Stored<T>* b, const Tail<L>& tail) {
+template <class L, int kVectors, class T, class Tail>
+OX_INLINE void load_row(typename L::Vec (&row)[kVectors], const Stored<T>* b, const Tail& tail) {
 #pragma GCC unroll 4
   for (int v = 0; v + 1 < kVectors; ++v) row[v] = L::load(b + v * L::kCount);
-  row[kVectors - 1] = L::load(b + tail.offset, tail.mask);
+  row[kVectors - 1] = tail.load(b);
 }
 
 // Adds a(r, k) * row for one k, where a holds the factors of four successive k for each row of the tile.
 template <class L, int kLane, int kRows, int kVectors>
 OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename L::Vec (&a)[kRows],
                         const typename L::Vec (&row)[kVectors]) {
-#pragma GCC unroll 8
+#pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r)
 #pragma GCC unroll 4
     for (int v = 0; v < kVectors; ++v) sums[r][v] = L::template mul_add_lane<kLane>(sums[r][v], a[r], row[v]);
@@ -76,7 +83,7 @@ OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename
 template <class L, int kRows, int kVectors, class T>
 OX_INLINE void add_term(typename L::Sum (&sums)[kRows][kVectors], const Stored<T>* a, std::ptrdiff_t a_row,
                         const typename L::Vec (&row)[kVectors]) {
-#pragma GCC unroll 8
+#pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r) {
     const auto x = L::factor(a[r * a_row].value);
 #pragma GCC unroll 4
@@ -93,26 +100,32 @@ constexpr bool kSpreadsInTwo = OX_LANE_BYTES == 16 && sizeof(typename L::Scalar)
 template <class L> constexpr bool kSpreadsInTwo = false;
 #endif
 
-// A tile of so many rows, of two vectors, takes two terms a turn, as what it does beside products and sums is all that it
-// could be faster by. A pragma cannot depend on the template, so its loop stands twice.
+// Rows of three vectors, or an odd number, as tiles of three: 32 registers have room for eight rows of them.
+template <class L>
+constexpr bool kThrees = OX_LANE_BYTES == 64 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
+
+// Tiles that take two terms a turn, as what they do beside products and sums is all that they could be faster by. A pragma
+// cannot depend on the template, so their loop stands twice.
 constexpr int kRowsUnrolled = 6;
+template <class L, int kRows, int kVectors>
+constexpr bool kTwoTerms = kVectors > 1 && (kRows == kRowsUnrolled || (kThrees<L> && kRows == 8));
 
 // kRows x kVectors vectors of the result. All are loaded before the first is stored, so dst may be c even where the
 // last vector overlaps the one before.
-template <class L, int kRows, int kVectors, class T>
+template <class L, int kRows, int kVectors, class T, class Tail>
 OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, std::ptrdiff_t pitch,
-                    const Tail<L>& tail, Watch<L>& watch) {
+                    const Tail& tail, Watch<L>& watch) {
   typename L::Sum sums[kRows][kVectors];
-#pragma GCC unroll 8
+#pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r)
 #pragma GCC unroll 4
     for (int v = 0; v < kVectors; ++v) sums[r][v] = L::start(L::splat(kNoAddend<T>));
   if (c) {
-#pragma GCC unroll 8
+#pragma GCC unroll 12
     for (int r = 0; r < kRows; ++r) {
 #pragma GCC unroll 4
       for (int v = 0; v + 1 < kVectors; ++v) sums[r][v] = L::start(L::load(c + r * pitch + v * L::kCount));
-      sums[r][kVectors - 1] = L::start(L::load(c + r * pitch + tail.offset, tail.mask));
+      sums[r][kVectors - 1] = L::start(tail.load(c + r * pitch));
     }
   }
   std::ptrdiff_t terms_left = terms;
@@ -123,7 +136,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
     if (f.a_col == 1) {
       for (; terms_left >= 4; terms_left -= 4, a += 4) {
         typename L::Vec factors[kRows];
-#pragma GCC unroll 8
+#pragma GCC unroll 12
         for (int r = 0; r < kRows; ++r) factors[r] = L::load(a + r * f.a_row);
         load_row<L>(row, b, tail);
         add_lane<L, 0>(sums, factors, row);
@@ -137,7 +150,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
       }
     }
   }
-  if constexpr (kRows == kRowsUnrolled && kVectors == 2) {
+  if constexpr (kTwoTerms<L, kRows, kVectors>) {
 #pragma GCC unroll 2
     for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
       load_row<L>(row, b, tail);
@@ -152,7 +165,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
       add_term<L>(sums, a, f.a_row, row);
     }
   }
-#pragma GCC unroll 8
+#pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r)
 #pragma GCC unroll 4
     for (int v = 0; v < kVectors; ++v) watch.await(sums[r][v]);
@@ -161,26 +174,26 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
       plain(f, 1, kRows, tail.offset + L::kCount, terms, c, dst, pitch, false);
       return watch.clear();
     }
-#pragma GCC unroll 8
+#pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r) {
 #pragma GCC unroll 4
     for (int v = 0; v + 1 < kVectors; ++v) L::store(dst + r * pitch + v * L::kCount, L::finish(sums[r][v]));
-    L::store(dst + r * pitch + tail.offset, L::finish(sums[r][kVectors - 1]), tail.mask);
+    tail.store(dst + r * pitch, L::finish(sums[r][kVectors - 1]));
   }
 }
 
 // The rows of a band of columns that are left for tiles of kRows, then of fewer.
-template <class L, int kRows, int kVectors, class T>
+template <class L, int kRows, int kVectors, class T, class Tail>
 OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms, const Stored<T>*& c, Stored<T>*& dst,
-                       std::ptrdiff_t pitch, const Tail<L>& tail, Watch<L>& watch) {
-  // Eight rows are better taken as twice four than as six and two.
-  for (; rows >= kRows && !(kRows == kRowsUnrolled && rows == 8); rows -= kRows) {
+                       std::ptrdiff_t pitch, const Tail& tail, Watch<L>& watch) {
+  constexpr int kFewer = kRows == 12 ? 8 : kRows == 6 ? 4 : kRows / 2;
+  // Eight rows are better taken as twice four than as six and two, and sixteen as twice eight.
+  for (; rows >= kRows && (rows - kFewer != kFewer || kRows == 2 * kFewer); rows -= kRows) {
     tile<L, kRows, kVectors>(f, terms, c, dst, pitch, tail, watch);
     f.a += kRows * f.a_row;
     dst += kRows * pitch;
     if (c) c += kRows * pitch;
   }
-  constexpr int kFewer = kRows == kRowsUnrolled ? 4 : kRows / 2;
   if constexpr (kRows > 1) rows_by<L, kFewer, kVectors>(f, rows, terms, c, dst, pitch, tail, watch);
 }
 
@@ -203,12 +216,16 @@ template <class L> constexpr Shape widest_tile() {
     if (sizeof(T) == 4) return {3, 4};
     if (sizeof(T) == 1) return {kRowsUnrolled, 1};
   }
+  if (kThrees<L>) return {kRowsUnrolled, 4};
+  if (OX_LANE_BYTES == 64) return {rows_of_tile<L, 2>(), 2};  // loads are no bound here
   constexpr int kVectors = kVectorRegisters >= 32 ? 4 : 2;
   return {rows_of_tile<L, kVectors>(), kVectors};
 }
 template <class L> constexpr int kMostVectors = widest_tile<L>().vectors;
 template <class L, int kVectors> constexpr int rows_of_band() {
   constexpr Shape kWidest = widest_tile<L>();
+  if (kThrees<L> && kVectors == 1) return 12;
+  if (kThrees<L> && kVectors == 3) return 8;
   return kVectors == kWidest.vectors ? kWidest.rows : rows_of_tile<L, kVectors>();
 }
 
@@ -216,16 +233,15 @@ template <class L, int kVectors> constexpr int rows_of_band() {
 template <class L, int kVectors>
 __attribute__((noinline)) void band(const ProductArgs& p, std::ptrdiff_t cols, Watch<L>& watch) {
   using T = typename L::Scalar;
-  Tail<L> tail;
-  if constexpr (L::kMasked)
-    tail = {(kVectors - 1) * L::kCount, L::mask(cols - (kVectors - 1) * L::kCount)};
-  else
-    tail = {cols - L::kCount, {}};
   Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), p.b_row};
   std::ptrdiff_t rows = p.m;
   const Stored<T>* c = in<T>(p.c);
   Stored<T>* dst = out<T>(p.dst);
-  rows_by<L, rows_of_band<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, p.n, tail, watch);
+  constexpr int kRows = rows_of_band<L, kVectors>();
+  if constexpr (L::kMasked && kVectors == 1)
+    rows_by<L, kRows, kVectors>(f, rows, p.k, c, dst, p.n, MaskedTail<L>{L::mask(cols)}, watch);
+  else
+    rows_by<L, kRows, kVectors>(f, rows, p.k, c, dst, p.n, MovedTail<L>{cols - L::kCount}, watch);
 }
 
 // What is subtracted goes into a panel negated; where there is no panel, the other factor is. c - a * b is c + a * -b to
@@ -380,11 +396,12 @@ template <class L> __attribute__((noinline)) void product_in(const ProductArgs& 
     for (std::ptrdiff_t rest = p.n; rest > 0;) {
       const std::ptrdiff_t vectors = (rest + L::kCount - 1) / L::kCount;
       std::ptrdiff_t cols = rest;
-      // An odd vector goes first, so that the last of the row, which may be moved left, has the one that it overlaps
-      // beside it.
+      // An odd vector goes first, or three, so that the last of the row, which may be moved left, has the one that it
+      // overlaps beside it.
       if (vectors % 2 == 1 || (kMostVectors<L> == 1 && (vectors > 2 || rest == 2 * L::kCount))) {
-        cols = L::kCount;
-        columns<L, 1>(p, lent, cols, watch);
+        constexpr int kOdd = kThrees<L> ? 3 : 1;
+        if (vectors > kOdd) cols = kOdd * L::kCount;
+        columns<L, kOdd>(p, lent, cols, watch);
       } else if (kMostVectors<L> < 4 || vectors == 2) {
         if (vectors > 2) cols = 2 * L::kCount;
         columns<L, 2>(p, lent, cols, watch);
@@ -428,7 +445,7 @@ template <class L, int kVectors> __attribute__((noinline)) void narrow(const Pro
   std::ptrdiff_t rows = p.m;
   const Stored<T>* c = in<T>(p.c);
   Stored<T>* dst = out<T>(p.dst);
-  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, kCols, {kCols - L::kCount, {}}, watch);
+  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, kCols, MovedTail<L>{kCols - L::kCount}, watch);
 }
 
 // One such row, by columns of b that stand in a row each: a matrix times a column. They are transposed in registers.
@@ -560,16 +577,22 @@ template <class T> void product(const ProductArgs& p) {
 #elif OX_LANE_BYTES == 32
   if (p.n < L::kCount) return kernels_16.product[kDepthOf<T>](p);
 #else
-  // What needs a panel, and is a whole vector elsewhere, is done there: what was stored by parts is slow to load again.
-  if (kIsFloat<T> && (p.b_col != 1 || p.subtract)) {
+  // What is a whole vector elsewhere is done there: it needs no mask, and every distance is a constant.
+  if (kIsFloat<T>) {
     if (2 * p.n == L::kCount) return kernels_32.product[kDepthOf<T>](p);
     if (4 * p.n == L::kCount) return kernels_16.product[kDepthOf<T>](p);
   }
 #endif
-  if constexpr (kIsFloat<T> && L::kCount > 1 && !L::kMasked)
+  if constexpr (kIsFloat<T> && L::kCount > 1 && (!L::kMasked || kThrees<L>))
     if ((p.b_col == 1 && !p.subtract) || p.k <= kNarrowTerms) {
       if (p.n == L::kCount) return whole_vectors<L, 1>(p);
       if (p.n == 2 * L::kCount) return whole_vectors<L, 2>(p);
+    }
+  // A row that is shorter than a masked vector needs no panel, and nothing that would choose one.
+  if constexpr (kIsFloat<T> && L::kMasked)
+    if (p.n < L::kCount && p.b_col == 1 && !p.subtract) {
+      Watch<L> watch;
+      return band<L, 1>(p, p.n, watch);
     }
   product_in<L>(p);
 }

@@ -132,14 +132,15 @@ TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopForLongThinShapes) {
 
 // What goes through a panel on the stack does so 14 KiB at a time: rows of one scalar, or of vectors of all widths.
 TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopAroundEveryPanelsEnd) {
+  constexpr std::int32_t kSize = sizeof(typename TypeParam::Scalar);
   support::Random random(3106);
-  Product<TypeParam> product(random, 160);
+  Product<TypeParam> product(random, 180);
   for (const std::uint32_t flags : kForms)
-    for (const std::int32_t row_bytes : {8, 16, 32, 64, 128, 256})
+    for (const std::int32_t row_bytes : {8, 16, 32, 64, 128, 192, 256})
       for (std::int32_t panels = 1; panels <= support::scaled(2); ++panels)
         for (std::int32_t past = -1; past <= 1; ++past)
           for (const std::int32_t m : {1, 3})
-            for (const std::int32_t n : {1, 2, 3, 5})
+            for (const std::int32_t n : {1, 2, 3, 5, row_bytes / kSize})
               ASSERT_TRUE(product.agrees(m, n, panels * (14 * 1024 / row_bytes) + past, flags));
 }
 
