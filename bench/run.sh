@@ -20,9 +20,9 @@ taskset -c "$processor" true 2>/dev/null && pin=(taskset -c "$processor")
 
 # Contenders take turns in random order, so that a slow second hits all alike; the median of the turns counts.
 measure() { # TOPIC
-  local repetitions=9 min_time=0.01
+  local repetitions=41 min_time=0.003
   [ "$1" != tracker ] || repetitions=3
-  [ "$1" != elementwise ] || repetitions=7
+  [ "$1" != elementwise ] || repetitions=31
   "${pin[@]}" "$build/bench/$1_bench" --benchmark_repetitions=$repetitions --benchmark_min_time=$min_time \
     --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
     --benchmark_out="$results/$1.json" --benchmark_out_format=json >/dev/null 2>"$results/$1.log" ||
