@@ -8,36 +8,35 @@
 namespace ox {
 namespace {
 
-#if OX_LANE_BYTES == 64
-// No row is longer than 32 bytes.
-void narrower_predict(const ox_kalman_t& kf) { kernels_32.predict(kf); }
-void narrower_innovation_covariance(const ox_kalman_t& kf) { kernels_32.innovation_covariance(kf); }
-void narrower_update(const ox_kalman_t& kf, const ox_mat_t& measurement) { kernels_32.update(kf, measurement); }
-#else
-
 // Lanes for rows of kCols floats: no wider than a row.
 template <int kCols> using RowLanes = Lanes<float, (4 * kCols < OX_LANE_BYTES ? 4 * kCols : OX_LANE_BYTES)>;
 using FloatWatch = Watch<Lanes<float, 16>>;
 
-#if OX_LANE_BYTES == 32
-// Of four columns, two rows at once: half the factors to spread, and half the products and sums.
-template <int kRows, int kTerms>
+#if OX_LANE_BYTES >= 32
+// Two rows at once: half the factors to spread, and half the products and sums.
+template <class L, int kRows, int kTerms>
 OX_INLINE void product_by_row_pairs(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c,
                                     Stored<float>* dst) {
-  static_assert(kRows % 2 == 0 && kTerms % 4 == 0);
-  using L = FloatRowPairs;
-  constexpr std::ptrdiff_t kPairs = kRows / 2;
-  L::Sum sums[kPairs][1];
+  constexpr std::ptrdiff_t kPairs = kRows / 2, kCols = L::kCount / 2;
+  constexpr int kHeld = kTerms < kCols ? kTerms : kCols;  // terms whose factors are in a vector
+  static_assert(kRows % 2 == 0 && kTerms % kHeld == 0 && kHeld % 4 == 0);
+  typename L::Sum sums[kPairs][1];
 #pragma GCC unroll 4
   for (std::ptrdiff_t p = 0; p < kPairs; ++p) sums[p][0] = c ? L::load(c + p * L::kCount) : L::splat(kNoAddend<float>);
-  for (int k = 0; k < kTerms; k += 4, a += 4, b += 16) {
-    L::Vec factors[kPairs];
+  for (int k = 0; k < kTerms; k += kHeld, a += kHeld, b += kHeld * kCols) {
+    typename L::Vec factors[kPairs];
 #pragma GCC unroll 4
-    for (std::ptrdiff_t p = 0; p < kPairs; ++p) factors[p] = L::load_both(a + 2 * p * kTerms, a + (2 * p + 1) * kTerms);
+    for (std::ptrdiff_t p = 0; p < kPairs; ++p) factors[p] = L::template load_both<kTerms>(a + 2 * p * kTerms);
     add_lane<L, 0>(sums, factors, {L::load_twice(b)});
-    add_lane<L, 1>(sums, factors, {L::load_twice(b + 4)});
-    add_lane<L, 2>(sums, factors, {L::load_twice(b + 8)});
-    add_lane<L, 3>(sums, factors, {L::load_twice(b + 12)});
+    add_lane<L, 1>(sums, factors, {L::load_twice(b + kCols)});
+    add_lane<L, 2>(sums, factors, {L::load_twice(b + 2 * kCols)});
+    add_lane<L, 3>(sums, factors, {L::load_twice(b + 3 * kCols)});
+    if constexpr (kHeld == 8) {
+      add_lane<L, 4>(sums, factors, {L::load_twice(b + 4 * kCols)});
+      add_lane<L, 5>(sums, factors, {L::load_twice(b + 5 * kCols)});
+      add_lane<L, 6>(sums, factors, {L::load_twice(b + 6 * kCols)});
+      add_lane<L, 7>(sums, factors, {L::load_twice(b + 7 * kCols)});
+    }
   }
 #pragma GCC unroll 4
   for (std::ptrdiff_t p = 0; p < kPairs; ++p) L::store(dst + p * L::kCount, sums[p][0]);
@@ -48,8 +47,9 @@ OX_INLINE void product_by_row_pairs(const Stored<float>* a, const Stored<float>*
 template <int kRows, int kTerms, int kCols>
 OX_INLINE void fixed_product(const Stored<float>* a, const Stored<float>* b, const Stored<float>* c, Stored<float>* dst,
                              FloatWatch& watch) {
-#if OX_LANE_BYTES == 32
-  if constexpr (kCols == 4 && kRows > 1) return product_by_row_pairs<kRows, kTerms>(a, b, c, dst);
+#if OX_LANE_BYTES >= 32
+  if constexpr (kRows > 1 && 8 * kCols <= OX_LANE_BYTES)
+    return product_by_row_pairs<FloatRowPairs<kCols>, kRows, kTerms>(a, b, c, dst);
 #endif
   using L = RowLanes<kCols>;
   constexpr int kVectors = kCols / L::kCount;
@@ -117,7 +117,6 @@ void update(const ox_kalman_t& kf, const ox_mat_t& measurement) {
   fixed_transpose<kStates, kStates>(elements(kf.error_cov_pre), panel);
   product_of_states(elements(kf.temp1), panel, nullptr, elements(kf.error_cov_post), watch);
 }
-#endif
 
 }  // namespace
 }  // namespace ox

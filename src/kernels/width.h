@@ -38,15 +38,9 @@ const Kernels OX_TABLE = {
     {transpose<0>, transpose<1>, transpose<2>, transpose<3>},
     gauss_jordan,
     nearest<FloatLanes>,
-#if OX_LANE_BYTES == 64
-    narrower_predict,
-    narrower_innovation_covariance,
-    narrower_update,
-#else
     predict,
     innovation_covariance,
     update,
-#endif
 };
 
 }  // namespace ox

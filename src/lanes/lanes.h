@@ -243,19 +243,40 @@ OX_INLINE void load_columns_of_4(CompilerLanes<uint32_t, 16>::Vec (&columns)[4],
 }
 #endif
 
-#if OX_LANE_BYTES == 32
-// Rows of four floats, two in a vector.
-struct FloatRowPairs : Lanes<float, 32> {
+#if OX_LANE_BYTES >= 32
+// Rows of four or eight floats, two in a vector. The factor of each half is one of its own.
+template <int kCols> struct FloatRowPairs;
+template <> struct FloatRowPairs<4> : Lanes<float, 32> {
   using Row = Lanes<float, 16>;
   static OX_INLINE Vec load_twice(const Stored<float>* p) {
     return (Vec)_mm256_broadcast_ps(reinterpret_cast<const __m128*>(p));
   }
-  static OX_INLINE Vec load_both(const Stored<float>* low, const Stored<float>* high) {
-    return (Vec)_mm256_insertf128_ps(_mm256_castps128_ps256((__m128)Row::load(low)), (__m128)Row::load(high), 1);
+  // The first four floats of two rows that are kApart apart.
+  template <int kApart> static OX_INLINE Vec load_both(const Stored<float>* p) {
+    return (Vec)_mm256_insertf128_ps(_mm256_castps128_ps256((__m128)Row::load(p)), (__m128)Row::load(p + kApart), 1);
   }
-  // The factor of each half is one of its own.
   template <int kLane> static OX_INLINE Sum mul_add_lane(Sum s, Vec a, Vec b) {
     return mul_add(s, (Vec)_mm256_permute_ps((__m256)a, kLane * 0x55), b);
+  }
+};
+#endif
+
+#if OX_LANE_BYTES == 64
+template <> struct FloatRowPairs<8> : Lanes<float, 64> {
+  using Row = Lanes<float, 32>;
+  static OX_INLINE Vec load_twice(const Stored<float>* p) {
+    const auto v = Row::load(p);
+    return __builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7);
+  }
+  // The first four or eight floats of two rows that are so far apart.
+  template <int kApart> static OX_INLINE Vec load_both(const Stored<float>* p) {
+    if constexpr (kApart == 8) return load(p);
+    const auto v = Row::load(p);
+    return __builtin_shufflevector(v, v, 0, 1, 2, 3, 0, 1, 2, 3, 4, 5, 6, 7, 4, 5, 6, 7);
+  }
+  template <int kLane> static OX_INLINE Sum mul_add_lane(Sum s, Vec a, Vec b) {
+    constexpr int k = kLane, n = kLane + 8;
+    return mul_add(s, __builtin_shufflevector(a, a, k, k, k, k, k, k, k, k, n, n, n, n, n, n, n, n), b);
   }
 };
 #endif
