@@ -346,9 +346,12 @@ __attribute__((noinline)) void band_by_panels(const ProductArgs& p, std::ptrdiff
   band_by_panels_in<L, kVectors>(line_in(storage), terms_of_panel<L, kVectors>(kPanelBytes), p, cols, watch);
 }
 
-// Whether rows of b lie on so many pages that they are better brought together, where many rows of a meet them.
+// Whether rows of b lie on so many pages that they are better brought together, where many rows of a meet them. Vectors
+// of 64 bytes that are cache lines are better loaded from where they are, if a second-level cache holds them.
 template <class T> OX_INLINE bool far_apart(const ProductArgs& p) {
-  return p.m >= 32 && p.k * p.b_row * static_cast<std::ptrdiff_t>(sizeof(T)) > std::ptrdiff_t{32} * 1024;
+  const std::ptrdiff_t row = p.b_row * static_cast<std::ptrdiff_t>(sizeof(T));
+  const bool lines = OX_LANE_BYTES == 64 && (reinterpret_cast<uintptr_t>(p.b) | static_cast<uintptr_t>(row)) % 64 == 0;
+  return p.m >= 32 && p.k * row > std::ptrdiff_t{32} * 1024 * (lines ? 32 : 1);
 }
 
 // Longer panels than the stack has room for stand in the last rows of the result, until these are due themselves: sums
