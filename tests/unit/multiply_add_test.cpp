@@ -180,6 +180,12 @@ TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopAroundEveryPanelsEnd) {
       for (std::int32_t past = -1; past <= 1; ++past)
         for (const std::int32_t n : {1, 2, 3, 5})
           ASSERT_TRUE(product.agrees(3, n, 14 * 1024 / row_bytes + past, form));
+  // Rows of one or two whole vectors have a panel of their own, of 64 terms.
+  constexpr std::int32_t kSize = sizeof(typename TypeParam::Scalar);
+  for (const Form form : kForms)
+    for (const std::int32_t row_bytes : {16, 32, 64, 128})
+      for (std::int32_t k = 63; k <= 66; ++k)
+        ASSERT_TRUE(product.agrees(random.between(1, 40), row_bytes / kSize, k, form));
 }
 
 TYPED_TEST(MulAddAndSubMulOfEveryDepth, TakeOneMatrixForBothFactors) {

@@ -142,6 +142,21 @@ TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopAroundEveryPanelsEnd) {
           for (const std::int32_t m : {1, 3})
             for (const std::int32_t n : {1, 2, 3, 5, row_bytes / kSize})
               ASSERT_TRUE(product.agrees(m, n, panels * (14 * 1024 / row_bytes) + past, flags));
+  // Rows of one or two whole vectors have a panel of their own, of 64 terms.
+  for (const std::uint32_t flags : kForms)
+    for (const std::int32_t row_bytes : {16, 32, 64, 128})
+      for (std::int32_t k = 63; k <= 66; ++k)
+        ASSERT_TRUE(product.agrees(random.between(1, 40), row_bytes / kSize, k, flags));
+}
+
+// Rows of b that are cache lines may be loaded from where they are when others are not.
+TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopForRowsOfWholeCacheLines) {
+  constexpr std::int32_t kSize = sizeof(typename TypeParam::Scalar);
+  support::Random random(3110);
+  Product<TypeParam> product(random, 600);
+  for (const std::int32_t row_bytes : {64, 128, 192, 256, 320})
+    for (int i = 0; i < 1 + support::scaled(7); ++i)
+      ASSERT_TRUE(product.agrees(random.between(31, 40), row_bytes / kSize, 32 * 1024 / row_bytes + i, 0));
 }
 
 TYPED_TEST(MatMulOfEveryDepth, MultipliesAMatrixByItself) {
@@ -476,11 +491,17 @@ TYPED_TEST(MatMulOfFloats, MatchesPlainLoopWherePanelsStandInTheResult) {
     // Results that are too low to lend so many rows, and such as are not.
     return product.agrees(random.between(8 * rows, 8 * rows + 70), n, k, flags);
   };
-  for (const std::int32_t row_bytes : {64, 256}) {
+  for (const std::int32_t row_bytes : {64, 192, 256}) {
     for (int i = 0; i < 2 * support::scaled(6); ++i)
       ASSERT_TRUE(agrees(row_bytes, 14 * 1024 / row_bytes + i + 1, i % 2 == 0 ? 0 : OX_MAT_TRANSPOSE_B));
     ASSERT_TRUE(agrees(row_bytes, 64 * 1024 / row_bytes + 1, row_bytes == 64 ? 0 : OX_MAT_TRANSPOSE_B));
   }
+  // Panels that would fill whole tiles of rows, had they not to begin with a cache line.
+  for (int i = 0; i < 2 * support::scaled(6); ++i)
+    for (const std::int32_t k : {60, 128, 240})
+      ASSERT_TRUE(product.agrees(k == 128 ? 256 : 240, 512 / size, k, OX_MAT_TRANSPOSE_B));
+  // Rows of b that are cache lines, more of them than are loaded from where they are.
+  for (int i = 0; i < 2 * support::scaled(2); ++i) ASSERT_TRUE(product.agrees(33, 1024 / size, 1023 + i, 0));
 }
 #endif
 
