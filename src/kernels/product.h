@@ -197,7 +197,8 @@ OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms
   if constexpr (kRows > 1) rows_by<L, kFewer, kVectors>(f, rows, terms, c, dst, pitch, tail, watch);
 }
 
-// Running sums fill half the registers, where widest_tile and rows_of_band know no better; factors and rows of b share the rest.
+// Running sums fill half the registers, where widest_tile and rows_of_band know no better; factors and rows of b share
+// the rest.
 template <class L, int kVectors> constexpr int rows_of_tile() {
   int rows = L::kByLane ? 4 : 8;  // by lane, the factors of each row take a register too
   while (rows > 1 && rows * kVectors * L::kRegistersPerSum > kVectorRegisters / 2) rows /= 2;
