@@ -186,7 +186,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
 template <class L, int kRows, int kVectors, class T, class Tail>
 OX_INLINE void rows_by(Factors<T>& f, std::ptrdiff_t& rows, std::ptrdiff_t terms, const Stored<T>*& c, Stored<T>*& dst,
                        std::ptrdiff_t pitch, const Tail& tail, Watch<L>& watch) {
-  constexpr int kFewer = kRows == 12 ? 8 : kRows == 6 ? 4 : kRows / 2;
+  constexpr int kFewer = kRows == 12 ? 8 : kRows == kRowsUnrolled ? 4 : kRows / 2;
   // Eight rows are better taken as twice four than as six and two, and sixteen as twice eight.
   for (; rows >= kRows && (rows - kFewer != kFewer || kRows == 2 * kFewer); rows -= kRows) {
     tile<L, kRows, kVectors>(f, terms, c, dst, pitch, tail, watch);
