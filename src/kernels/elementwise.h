@@ -63,20 +63,21 @@ template <class T, class Op, class... Sources>
 void each_scalar(std::ptrdiff_t count, Stored<T>* dst, Op op, const Sources*... src) {
   using L = NativeLanes<T>;
   constexpr std::ptrdiff_t kStep = kUnrolled * L::kCount;
-  std::ptrdiff_t i = 0;
   if (L::kCount > 1 && (... && steps_allowed(dst, src, kStep * sizeof(T)))) {
     Watch<L> watch;
-    for (; i + kStep <= count; i += kStep) step<L, kUnrolled>(dst + i, op, watch, (src + i)...);
-    for (; i + L::kCount <= count; i += L::kCount) step<L, 1>(dst + i, op, watch, (src + i)...);
+    for (; count >= kStep; count -= kStep, dst += kStep, (..., (src += kStep))) step<L, kUnrolled>(dst, op, watch, src...);
+    if (count == 0) return;
+    for (; count >= L::kCount; count -= L::kCount, dst += L::kCount, (..., (src += L::kCount)))
+      step<L, 1>(dst, op, watch, src...);
     if constexpr (L::kMasked) {
-      if (i < count) {
-        const auto rest = L::mask(count - i);
-        L::store(dst + i, op.template apply<L>(L::load(src + i, rest)...), rest);
+      if (count > 0) {
+        const auto rest = L::mask(count);
+        L::store(dst, op.template apply<L>(L::load(src, rest)...), rest);
       }
       return;
     }
   }
-  for (; i < count; ++i) dst[i].value = op.template apply<OneLane<T>>(src[i].value...);
+  for (; count > 0; --count, ++dst, (..., ++src)) dst->value = op.template apply<OneLane<T>>(src->value...);
 }
 
 template <class T> void add_each(std::ptrdiff_t count, const void* a, const void* b, void* dst) {

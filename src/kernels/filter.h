@@ -66,8 +66,12 @@ __attribute__((noinline)) void product_of_states(const Stored<float>* a, const S
 
 // dst [kCols x kRows] = the transpose of src [kRows x kCols].
 template <int kRows, int kCols> OX_INLINE void fixed_transpose(const Stored<float>* src, Stored<float>* dst) {
-  constexpr int kBytes = 4 * kRows < OX_LANE_BYTES ? 4 * kRows : OX_LANE_BYTES;
-  transpose_strip<false, kBytes>(in<uint32_t>(src), kCols, kRows, kCols, out<uint32_t>(dst), kRows);
+  using L = CompilerLanes<uint32_t, (4 * kRows < OX_LANE_BYTES ? 4 * kRows : OX_LANE_BYTES)>;
+#pragma GCC unroll 2
+  for (std::ptrdiff_t i = 0; i < kRows; i += L::kCount)
+#pragma GCC unroll 2
+    for (std::ptrdiff_t j = 0; j < kCols; j += kColumnsAtOnce<float>)
+      transpose_tile<L>(in<uint32_t>(src + i * kCols + j), kCols, L::kCount, out<uint32_t>(dst + j * kRows + i), kRows);
 }
 
 template <int kCount> OX_INLINE void negated(const Stored<float>* src, Stored<float>* dst) {

@@ -247,27 +247,28 @@ constexpr int32_t kManyRows = 8;
 OX_INLINE void find_factors(const InverseWork& work, int32_t k, int32_t n, double ahead, double (&column)[kMostInverse],
                             double (&factors)[kMostInverse]) {
   const double pivot = column[k];
+  const float* below = work[0] + k + 1;
 #if !defined(__arm__)
   if (n >= kManyRows) {
     // Row k and, up to a whole vector, rows behind the matrix are computed too, and not used.
-    for (int32_t i = 0; i < n; i += kDoubles) {
+    for (std::ptrdiff_t i = 0; i < n; i += kDoubles, below += kDoubles * kWorkRow) {
       Doubles<kDoubles> v;
       __builtin_memcpy(&v, column + i, sizeof v);
       v /= pivot;
       __builtin_memcpy(factors + i, &v, sizeof v);
       Floats<kDoubles> next = {};
 #pragma GCC unroll 8
-      for (int r = 0; r < kDoubles; ++r) next[r] = work[i + r][k + 1];
+      for (int r = 0; r < kDoubles; ++r) next[r] = below[r * kWorkRow];
       v = widened<kDoubles>(rounded<kDoubles>(widened<kDoubles>(next) - v * ahead));
       __builtin_memcpy(column + i, &v, sizeof v);
     }
     return;
   }
 #endif
-  for (int32_t i = 0; i < n; ++i) {
+  for (std::ptrdiff_t i = 0; i < n; ++i, below += kWorkRow) {
     if (i == k) continue;
     factors[i] = column[i] / pivot;
-    column[i] = static_cast<double>(static_cast<float>(static_cast<double>(work[i][k + 1]) - ahead * factors[i]));
+    column[i] = static_cast<double>(static_cast<float>(static_cast<double>(*below) - ahead * factors[i]));
   }
 }
 
@@ -275,11 +276,11 @@ OX_INLINE void find_factors(const InverseWork& work, int32_t k, int32_t n, doubl
 template <int kRows>
 OX_INLINE void eliminate_rows(float* rows, const double* factors, const Doubles<kDoubles>* pivots,
                               std::ptrdiff_t vectors) {
-  for (std::ptrdiff_t v = 0; v < vectors; ++v)
+  for (; vectors > 0; --vectors, rows += kDoubles, ++pivots)
 #pragma GCC unroll 2
     for (std::ptrdiff_t r = 0; r < kRows; ++r) {
-      float* const at = rows + r * kWorkRow + v * kDoubles;
-      store_doubles(at, load_doubles(at) - pivots[v] * factors[r]);
+      float* const at = rows + r * kWorkRow;
+      store_doubles(at, load_doubles(at) - *pivots * factors[r]);
     }
 }
 
@@ -309,24 +310,26 @@ __attribute__((noinline)) void invert_any(InverseWork& work, int32_t n, const vo
     // another, each against all rows; many go along two rows at a time, row k with them, which is put back. Where each lane
     // is converted by itself, pivots that stay in registers are worth more.
     if (kConvertsEachLane || n < kManyRows) {
-      for (int32_t j = 0; j < used; j += kDoubles) {
+      for (std::ptrdiff_t j = 0; j < used; j += kDoubles) {
         const Doubles<kDoubles> pivots = load_doubles(work[k] + j);
         float* at = work[0] + j;
-        for (int32_t i = 0; i < n; ++i, at += kWorkRow)
+        for (std::ptrdiff_t i = 0; i < n; ++i, at += kWorkRow)
           if (i != k) store_doubles(at, load_doubles(at) - pivots * factors[i]);
       }
     } else {
       Doubles<kDoubles> pivots[2 * kMostInverse / kDoubles];
       const std::ptrdiff_t vectors = (used + kDoubles - 1) / kDoubles;
-      for (std::ptrdiff_t v = 0; v < vectors; ++v) pivots[v] = load_doubles(work[k] + v * kDoubles);
-      for (int32_t i = 0; i + 1 < n; i += 2) eliminate_rows<2>(work[i], factors + i, pivots, vectors);
+      float* at = work[k];
+      for (std::ptrdiff_t v = 0; v < vectors; ++v, at += kDoubles) pivots[v] = load_doubles(at);
+      for (std::ptrdiff_t i = 0; i + 1 < n; i += 2) eliminate_rows<2>(work[i], factors + i, pivots, vectors);
       if (n % 2 != 0) eliminate_rows<1>(work[n - 1], factors + n - 1, pivots, vectors);
-      for (std::ptrdiff_t v = 0; v < vectors; ++v) store_doubles(work[k] + v * kDoubles, pivots[v]);
+      for (std::ptrdiff_t v = vectors; v > 0; --v) store_doubles(at -= kDoubles, pivots[v - 1]);
     }
   }
   for (int32_t r = 0; r < n; ++r) {
     const double reciprocal = 1.0 / static_cast<double>(work[r][r]);
-    for (int32_t j = 0; j < width; j += kDoubles) store_doubles(work[r] + j, load_doubles(work[r] + j) * reciprocal);
+    float* at = work[r];
+    for (int32_t j = 0; j < width; j += kDoubles, at += kDoubles) store_doubles(at, load_doubles(at) * reciprocal);
   }
   copy_block(reinterpret_cast<const Stored<float>*>(work[0] + n), kWorkRow, n, n, out<float>(dst), n);
 }

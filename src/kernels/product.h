@@ -40,8 +40,10 @@ template <class T> constexpr T kNoAddend = static_cast<T>(-0.0);
 template <class T>
 OX_INLINE void plain_dot(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, bool subtract) {
   T sum = c ? c->value : kNoAddend<T>;
-  for (std::ptrdiff_t k = 0; k < terms; ++k) {
-    const T term = ox::mul(f.a[k * f.a_col].value, f.b[k * f.b_row].value);
+  const Stored<T>* a = f.a;
+  const Stored<T>* b = f.b;
+  for (; terms > 0; --terms, a += f.a_col, b += f.b_row) {
+    const T term = ox::mul(a->value, b->value);
     sum = subtract ? ox::sub(sum, term) : ox::add(sum, term);
   }
   dst->value = sum;

@@ -73,25 +73,35 @@ OX_INLINE void load_columns(Vec (&columns)[kPart], const Stored<T>* src, std::pt
   transpose_squares<kPart, sizeof(Vec) / sizeof(T)>(columns);
 }
 
+// dst(j, i) = src(i, j) for the columns of src that load_columns takes.
+template <class L, class T>
+OX_INLINE void transpose_tile(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, Stored<T>* dst,
+                              std::ptrdiff_t dst_row) {
+  constexpr int kPart = kColumnsAtOnce<T>;
+  typename L::Vec columns[kPart];
+  load_columns(columns, src, src_row, rows);
+#pragma GCC unroll 16
+  for (int c = 0; c < kPart; ++c, dst += dst_row) L::store(dst, columns[c]);
+}
+
 // dst(j, i) = src(i, j), vector after vector of a row of dst.
 template <bool kPadded, int kBytes = OX_LANE_BYTES, class T>
 OX_INLINE void transpose_strip(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols,
                                Stored<T>* dst, std::ptrdiff_t dst_row) {
   using L = CompilerLanes<T, kBytes>;
   constexpr int kPart = kColumnsAtOnce<T>;
-  for (std::ptrdiff_t i = 0; i < rows; i += L::kCount) {
-    const std::ptrdiff_t high = rows - i < L::kCount ? rows - i : L::kCount;
-    const Stored<T>* const from = src + i * src_row;
-    std::ptrdiff_t j = 0;
+  for (; rows > 0; rows -= L::kCount, src += L::kCount * src_row, dst += L::kCount) {
+    const std::ptrdiff_t high = rows < L::kCount ? rows : L::kCount;
+    const Stored<T>* from = src;
+    Stored<T>* to = dst;
+    std::ptrdiff_t left = cols;
     if (kPadded || high == L::kCount)
-      for (; j + kPart <= cols; j += kPart) {
-        typename L::Vec columns[kPart];
-        load_columns(columns, from + j, src_row, kPadded ? high : L::kCount);
-#pragma GCC unroll 16
-        for (int c = 0; c < kPart; ++c) L::store(dst + (j + c) * dst_row + i, columns[c]);
-      }
-    for (; j < cols; ++j)
-      for (std::ptrdiff_t r = 0; r < high; ++r) dst[j * dst_row + i + r] = from[r * src_row + j];
+      for (; left >= kPart; left -= kPart, from += kPart, to += kPart * dst_row)
+        transpose_tile<L>(from, src_row, kPadded ? high : L::kCount, to, dst_row);
+    for (; left > 0; --left, ++from, to += dst_row) {
+      const Stored<T>* element = from;
+      for (std::ptrdiff_t r = 0; r < high; ++r, element += src_row) to[r] = *element;
+    }
   }
 }
 
