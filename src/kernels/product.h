@@ -276,15 +276,15 @@ __attribute__((noinline)) void fill_panel(Stored<T>* panel, std::ptrdiff_t width
                                           std::ptrdiff_t b_row, std::ptrdiff_t b_col, std::ptrdiff_t terms,
                                           std::ptrdiff_t cols, bool negate) {
   using Bits = typename BitsOfSize<sizeof(T)>::type;
+  using V = CompilerLanes<Bits, OX_LANE_BYTES>;
   auto* to = reinterpret_cast<Stored<Bits>*>(panel);
   // Behind the last real column whole vectors may be loaded; what they find there is multiplied, and thrown away.
   if (cols < L::kCount && !L::kMasked)
-    for (std::ptrdiff_t i = 0; i < terms * width; ++i) to[i].value = 0;
+    for (std::ptrdiff_t i = 0; i < terms * width; i += V::kCount) V::store(to + i, typename V::Vec{});
   const auto* from = reinterpret_cast<const Stored<Bits>*>(b);
   if (b_col != 1) {
     transpose_block<(L::kCount > 1)>(from, b_col, cols, terms, to, width);
   } else if (cols == width && L::kCount > 1) {
-    using V = CompilerLanes<Bits, OX_LANE_BYTES>;
     for (std::ptrdiff_t k = 0; k < terms; ++k, from += b_row, to += width)
       for (std::ptrdiff_t j = 0; j < cols; j += V::kCount) V::store(to + j, V::load(from + j));
   } else {

@@ -132,9 +132,14 @@ template <class T>
 void copy_block(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols, Stored<T>* dst,
                 std::ptrdiff_t dst_row) {
   using L = CompilerLanes<T, 16>;
-  for (std::ptrdiff_t i = 0; i < rows; ++i, src += src_row, dst += dst_row) {
+  using Half = CompilerLanes<T, 8>;
+  for (; rows > 0; --rows, src += src_row, dst += dst_row) {
     std::ptrdiff_t j = 0;
     for (; j + L::kCount <= cols; j += L::kCount) L::store(dst + j, L::load(src + j));
+    if (j + Half::kCount <= cols) {
+      Half::store(dst + j, Half::load(src + j));
+      j += Half::kCount;
+    }
     for (; j < cols; ++j) dst[j] = src[j];
   }
 }
