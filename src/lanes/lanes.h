@@ -227,13 +227,13 @@ OX_INLINE void load_columns_of_4(CompilerLanes<uint32_t, 16>::Vec (&columns)[4],
                                  std::ptrdiff_t row, std::ptrdiff_t rows) {
   const auto* p = reinterpret_cast<const uint32_t*>(src);
   uint32x4x4_t v;
-#pragma GCC unroll 4
-  for (int c = 0; c < 4; ++c) {
-    if (rows < 4)
-      v.val[c] = vdupq_n_u32(0);
-    else
-      asm("" : "=w"(v.val[c]));  // every lane is loaded
-  }
+#if !defined(__clang__)  // which knows no operand of four registers
+  // Every lane is loaded, so none need be cleared. What is not volatile would be copied from one block to the next.
+  if (rows >= 4)
+    asm volatile("" : "=w"(v));
+  else
+#endif
+    v = {{vdupq_n_u32(0), vdupq_n_u32(0), vdupq_n_u32(0), vdupq_n_u32(0)}};
   v = vld4q_lane_u32(p, v, 0);
   if (rows > 1) v = vld4q_lane_u32(p + row, v, 1);
   if (rows > 2) v = vld4q_lane_u32(p + 2 * row, v, 2);
