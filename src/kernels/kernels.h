@@ -4,6 +4,8 @@
 
 #include "lanes/scalars.h"
 
+// What other sources define is inside the library too: found without a table of addresses.
+#pragma GCC visibility push(hidden)
 namespace ox {
 
 // dst [m x n] = c + a * b, or c - a * b, for m, n and k above zero. In scalars, element (i, k) of a stands at
@@ -76,3 +78,4 @@ inline const Kernels& kernels() { return kernels_16; }
 #endif
 
 }  // namespace ox
+#pragma GCC visibility pop
