@@ -81,26 +81,42 @@ OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename
     for (int v = 0; v < kVectors; ++v) sums[r][v] = L::template mul_add_lane<kLane>(sums[r][v], a[r], row[v]);
 }
 
+// Lanes whose factors stand in memory as whole vectors.
+template <class Base> struct SpreadLanes : Base {};
+template <class L> constexpr bool kSpread = false;
+template <class Base> constexpr bool kSpread<SpreadLanes<Base>> = true;
+
+template <class L, class T> OX_INLINE typename L::Factor factor_at(const Stored<T>* p) {
+  if constexpr (kSpread<L>)
+    return (typename L::Factor)L::load(p);
+  else
+    return L::factor(p->value);
+}
+
 // Adds a(r, k) * row for one k.
 template <class L, int kRows, int kVectors, class T>
 OX_INLINE void add_term(typename L::Sum (&sums)[kRows][kVectors], const Stored<T>* a, std::ptrdiff_t a_row,
                         const typename L::Vec (&row)[kVectors]) {
 #pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r) {
-    const auto x = L::factor(a[r * a_row].value);
+    const auto x = factor_at<L>(a + r * a_row);
 #pragma GCC unroll 4
     for (int v = 0; v < kVectors; ++v) sums[r][v] = L::mul_add(sums[r][v], x, row[v]);
   }
 }
 
+#if defined(__x86_64__)
+constexpr bool kSse2 = OX_LANE_BYTES == 16;
+#else
+constexpr bool kSse2 = false;
+#endif
 // SSE2 takes two instructions to spread a factor. Shared by four vectors they cost less than what it takes to load two of
 // those again for each row, as twelve sums leave no room for them.
-#if defined(__x86_64__)
 template <class L>
-constexpr bool kSpreadsInTwo = OX_LANE_BYTES == 16 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
-#else
-template <class L> constexpr bool kSpreadsInTwo = false;
-#endif
+constexpr bool kSpreadsInTwo = kSse2 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
+// An integer takes four: those of a few rows are spread once for all columns.
+template <class L>
+constexpr bool kSpreadsAhead = kSse2 && sizeof(typename L::Scalar) <= 4 && !kIsFloat<typename L::Scalar>;
 
 // Rows of three vectors, or an odd number, as tiles of three: 32 registers have room for eight rows of them.
 template <class L>
@@ -110,7 +126,8 @@ constexpr bool kThrees = OX_LANE_BYTES == 64 && sizeof(typename L::Scalar) == 4 
 // cannot depend on the template, so their loop stands twice.
 constexpr int kRowsUnrolled = 6;
 template <class L, int kRows, int kVectors>
-constexpr bool kTwoTerms = kVectors > 1 && (kRows == kRowsUnrolled || (kThrees<L> && kRows == 8));
+constexpr bool kTwoTerms =
+    kSpread<L> || (kVectors > 1 && (kRows == kRowsUnrolled || (kThrees<L> && kRows == 8)));
 
 // kRows x kVectors vectors of the result. All are loaded before the first is stored, so dst may be c even where the
 // last vector overlaps the one before.
@@ -430,6 +447,69 @@ template <class L> __attribute__((noinline)) void product_in(const ProductArgs& 
   }
 }
 
+// A vector for each lane of v, which it has in all its lanes.
+template <class V> OX_INLINE void spread_lanes(V v, unsigned char* to) {
+  constexpr int kLanes = sizeof v / sizeof v[0];
+  if constexpr (kLanes == 4) {
+    const V spread[] = {__builtin_shufflevector(v, v, 0, 0, 0, 0), __builtin_shufflevector(v, v, 1, 1, 1, 1),
+                        __builtin_shufflevector(v, v, 2, 2, 2, 2), __builtin_shufflevector(v, v, 3, 3, 3, 3)};
+    __builtin_memcpy(to, spread, sizeof spread);
+  } else {
+    using Twice = typename CompilerLanes<typename BitsOfSize<2 * sizeof v[0]>::type, sizeof v>::Vec;
+    spread_lanes((Twice)zip<0, kLanes>(v, v, std::make_integer_sequence<int, kLanes>{}), to);
+    spread_lanes((Twice)zip<1, kLanes>(v, v, std::make_integer_sequence<int, kLanes>{}), to + kLanes / 2 * sizeof v);
+  }
+}
+
+// Four rows at a time, against all columns: terms of them are spread first. Rows of b are contiguous.
+template <class L> __attribute__((noinline)) void product_by_spread(const ProductArgs& p) {
+  using T = typename L::Scalar;
+  using V = CompilerLanes<T, OX_LANE_BYTES>;
+  using S = SpreadLanes<L>;
+  constexpr std::ptrdiff_t kRows = 4, kPairRows = kRows / L::kRegistersPerSum;
+  constexpr std::ptrdiff_t kTerms = kPanelBytes / (kRows * OX_LANE_BYTES), kRow = kTerms * L::kCount;
+  alignas(OX_LANE_BYTES) Stored<T> factors[kRows * kRow];
+  Watch<S> watch;
+  const std::ptrdiff_t vectors = (p.n + L::kCount - 1) / L::kCount;
+  // By two vectors where the registers have room for their sums in all rows, and for the last of the row, which may be
+  // moved left, with the one that it overlaps.
+  const std::ptrdiff_t singles = kPairRows == kRows ? vectors % 2 : p.n % L::kCount == 0 ? vectors : vectors - 2;
+  const Stored<T>* a = in<T>(p.a);
+  const Stored<T>* c = in<T>(p.c);
+  Stored<T>* dst = out<T>(p.dst);
+  std::ptrdiff_t rows = p.m;
+  for (; rows >= kRows; rows -= kRows, a += kRows * p.a_row, dst += kRows * p.n) {
+    const Stored<T>* addend = c;
+    for (std::ptrdiff_t k = 0; k < p.k; k += kTerms) {
+      const std::ptrdiff_t terms = p.k - k < kTerms ? p.k - k : kTerms;
+      for (std::ptrdiff_t r = 0; r < kRows; ++r) {
+        const Stored<T>* from = a + r * p.a_row + k * p.a_col;
+        Stored<T>* to = factors + r * kRow;
+        std::ptrdiff_t left = terms;
+        if (p.a_col == 1)
+          for (; left >= L::kCount; left -= L::kCount, from += L::kCount, to += L::kCount * L::kCount)
+            spread_lanes(V::load(from), reinterpret_cast<unsigned char*>(to));
+        for (; left > 0; --left, from += p.a_col, to += L::kCount) V::store(to, V::splat(from->value));
+      }
+      Factors<T> f{factors, kRow, L::kCount, in<T>(p.b) + k * p.b_row, p.b_row};
+      std::ptrdiff_t j = 0;
+      for (; j < singles * L::kCount; j += L::kCount, f.b += L::kCount)
+        tile<S, kRows, 1>(f, terms, addend ? addend + j : nullptr, dst + j, p.n, MovedTail<S>{0}, watch);
+      for (; j < p.n; j += 2 * L::kCount, f.b += 2 * L::kCount) {
+        const std::ptrdiff_t beyond = p.n - j - L::kCount;
+        const MovedTail<S> tail{beyond < L::kCount ? beyond : L::kCount};
+        f.a = factors;
+        for (std::ptrdiff_t r = j; r < j + kRows * p.n; r += kPairRows * p.n, f.a += kPairRows * kRow)
+          tile<S, kPairRows, 2>(f, terms, addend ? addend + r : nullptr, dst + r, p.n, tail, watch);
+      }
+      addend = dst;
+    }
+    if (c) c += kRows * p.n;
+  }
+  if (rows > 0)
+    product_in<L>({rows, p.n, p.k, a, p.a_row, p.a_col, p.b, p.b_row, p.b_col, c, dst, p.subtract});
+}
+
 // A result whose rows are one or two whole vectors, as those of a tracker's filter: every distance is a constant.
 constexpr std::ptrdiff_t kNarrowTerms = 64;
 
@@ -601,6 +681,10 @@ template <class T> void product(const ProductArgs& p) {
       Watch<L> watch;
       return band<L, 1>(p, p.n, watch);
     }
+  if constexpr (kSpreadsAhead<L>) {
+    constexpr std::ptrdiff_t kLeast = L::kCount < 8 ? 16 : 2 * L::kCount;  // columns, for which it pays
+    if (p.n >= kLeast && p.m >= 4 && p.b_col == 1 && !p.subtract) return product_by_spread<L>(p);
+  }
   product_in<L>(p);
 }
 

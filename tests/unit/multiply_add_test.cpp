@@ -188,6 +188,15 @@ TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopAroundEveryPanelsEnd) {
         ASSERT_TRUE(product.agrees(random.between(1, 40), row_bytes / kSize, k, form));
 }
 
+// Factors of four rows may be spread beforehand, 14 KiB of vectors at a time.
+TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopWhereFactorsAreSpread) {
+  support::Random random(3212);
+  Product<TypeParam> product(random, 120);
+  for (const Form form : kForms)
+    for (const std::int32_t n : {16, 20, 32, 40, 48, 50})
+      for (const std::int32_t k : {17, 224, 225}) ASSERT_TRUE(product.agrees(random.between(3, 13), n, k, form));
+}
+
 TYPED_TEST(MulAddAndSubMulOfEveryDepth, TakeOneMatrixForBothFactors) {
   support::Random random(3204);
   Product<TypeParam> product(random, 40);
