@@ -135,10 +135,10 @@ template <class L, int kRows, int kVectors, class T, class Tail>
 OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* c, Stored<T>* dst, std::ptrdiff_t pitch,
                     const Tail& tail, Watch<L>& watch) {
   typename L::Sum sums[kRows][kVectors];
-#pragma GCC unroll 12
-  for (int r = 0; r < kRows; ++r)
-#pragma GCC unroll 4
-    for (int v = 0; v < kVectors; ++v) sums[r][v] = L::start(L::splat(kNoAddend<T>));
+  std::ptrdiff_t terms_left = terms;
+  const Stored<T>* a = f.a;
+  const Stored<T>* b = f.b;
+  typename L::Vec row[kVectors];
   if (c) {
 #pragma GCC unroll 12
     for (int r = 0; r < kRows; ++r) {
@@ -146,11 +146,20 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
       for (int v = 0; v + 1 < kVectors; ++v) sums[r][v] = L::start(L::load(c + r * pitch + v * L::kCount));
       sums[r][kVectors - 1] = L::start(tail.load(c + r * pitch));
     }
+  } else {
+#pragma GCC unroll 12
+    for (int r = 0; r < kRows; ++r)
+#pragma GCC unroll 4
+      for (int v = 0; v < kVectors; ++v) sums[r][v] = L::start(L::splat(kNoAddend<T>));
+    // Before the loop the compiler leaves out what adds nothing: the first product is the sum.
+    if constexpr (!L::kByLane) {
+      load_row<L>(row, b, tail);
+      add_term<L>(sums, a, f.a_row, row);
+      --terms_left;
+      a += f.a_col;
+      b += f.b_row;
+    }
   }
-  std::ptrdiff_t terms_left = terms;
-  const Stored<T>* a = f.a;
-  const Stored<T>* b = f.b;
-  typename L::Vec row[kVectors];
   if constexpr (L::kByLane) {
     if (f.a_col == 1) {
       for (; terms_left >= 4; terms_left -= 4, a += 4) {
