@@ -519,15 +519,17 @@ template <class L> __attribute__((noinline)) void product_by_spread(const Produc
     product_in<L>({rows, p.n, p.k, a, p.a_row, p.a_col, p.b, p.b_row, p.b_col, c, dst, p.subtract});
 }
 
-// A result whose rows are one or two whole vectors, as those of a tracker's filter: every distance is a constant.
+// A result whose rows are one or two whole vectors, as those of a tracker's filter: every distance is a constant. Panels
+// of so many terms at most; four vectors have none.
 constexpr std::ptrdiff_t kNarrowTerms = 64;
 
 template <class L, int kVectors> __attribute__((noinline)) void narrow(const ProductArgs& p) {
   using T = typename L::Scalar;
   constexpr std::ptrdiff_t kCols = kVectors * L::kCount;
-  Stored<T> panel[kNarrowTerms * kCols];
+  constexpr bool kPanel = kVectors <= 2;
+  Stored<T> panel[kPanel ? kNarrowTerms * kCols : 1];
   Factors<T> f{in<T>(p.a), p.a_row, p.a_col, in<T>(p.b), kCols};
-  if (p.b_col != 1 || p.subtract) {
+  if (kPanel && (p.b_col != 1 || p.subtract)) {
     using Bits = typename BitsOfSize<sizeof(T)>::type;
     auto* const to = reinterpret_cast<Stored<Bits>*>(panel);
     if (p.b_col == 1)
@@ -541,7 +543,8 @@ template <class L, int kVectors> __attribute__((noinline)) void narrow(const Pro
   std::ptrdiff_t rows = p.m;
   const Stored<T>* c = in<T>(p.c);
   Stored<T>* dst = out<T>(p.dst);
-  rows_by<L, rows_of_tile<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, kCols, MovedTail<L>{kCols - L::kCount}, watch);
+  constexpr MovedTail<L> kTail{kCols - L::kCount};
+  rows_by<L, rows_of_band<L, kVectors>(), kVectors>(f, rows, p.k, c, dst, kCols, kTail, watch);
 }
 
 // One such row, by columns of b that stand in a row each: a matrix times a column. They are transposed in registers.
@@ -684,6 +687,8 @@ template <class T> void product(const ProductArgs& p) {
       if (p.n == L::kCount) return whole_vectors<L, 1>(p);
       if (p.n == 2 * L::kCount) return whole_vectors<L, 2>(p);
     }
+  if constexpr (kThrees<L>)
+    if (p.n == 4 * L::kCount && p.b_col == 1 && !p.subtract && !far_apart<T>(p)) return narrow<L, 4>(p);
   // A row that is shorter than a masked vector needs no panel, and nothing that would choose one.
   if constexpr (kIsFloat<T> && L::kMasked)
     if (p.n < L::kCount && p.b_col == 1 && !p.subtract) {
