@@ -127,6 +127,54 @@ OX_INLINE void transpose_block(const Stored<T>* src, std::ptrdiff_t src_row, std
   transpose_line<kPadded>(src, src_row, rows, cols, dst, dst_row);
 }
 
+#if OX_LANE_BYTES == 64
+// Words of 32 and 64 bits, half as many columns as rows: each vector is loaded as parts of two rows, of which it exchanges
+// a half with one other vector at the end.
+template <class T>
+OX_INLINE void transpose_wide_tile(const Stored<T>* src, std::ptrdiff_t src_row, Stored<T>* dst, std::ptrdiff_t dst_row) {
+  using L = CompilerLanes<T, 64>;
+  const auto load = [](const Stored<T>* p) { return (Words32)CompilerLanes<T, 32>::load(p); };
+  constexpr int kPart = kColumnsAtOnce<T>;
+  const std::ptrdiff_t quarter = kPart * src_row;
+  typename L::Vec first[kPart], second[kPart];
+#pragma GCC unroll 4
+  for (int r = 0; r < kPart; ++r, src += src_row) {
+    first[r] = (typename L::Vec)join_halves(load(src), load(src + 2 * quarter));
+    second[r] = (typename L::Vec)join_halves(load(src + quarter), load(src + 3 * quarter));
+  }
+  transpose_squares<kPart, L::kCount>(first);
+  transpose_squares<kPart, L::kCount>(second);
+  Stored<T>* right = dst + kPart * dst_row;
+#pragma GCC unroll 4
+  for (int c = 0; c < kPart; ++c, dst += dst_row, right += dst_row) {
+    const auto a = (Words64)first[c], b = (Words64)second[c];
+    L::store(dst, (typename L::Vec)__builtin_shufflevector(a, b, 0, 1, 8, 9, 4, 5, 12, 13));
+    L::store(right, (typename L::Vec)__builtin_shufflevector(a, b, 2, 3, 10, 11, 6, 7, 14, 15));
+  }
+}
+
+// Rows in whole vectors, 64 columns at a time: so many rows of dst stay in the first-level cache, unless they are so far
+// apart that they meet in few of its sets. Then only the columns of src that lie in one cache line.
+template <class T>
+void transpose_wide(const Stored<T>* src, std::ptrdiff_t rows, std::ptrdiff_t cols, Stored<T>* dst) {
+  constexpr std::ptrdiff_t kSize = sizeof(T), kRows = 64 / kSize, kTile = kRows / 2;
+  const std::ptrdiff_t band = rows * kSize % 1024 == 0 ? kRows : 64;
+  const std::ptrdiff_t whole = rows / kRows * kRows;
+  for (std::ptrdiff_t first = 0; first + kTile <= cols; first += band) {
+    const std::ptrdiff_t past = cols - first < band ? cols : first + band;
+    for (std::ptrdiff_t i = 0; i < whole; i += kRows) {
+      const Stored<T>* from = src + i * cols + first;
+      Stored<T>* to = dst + first * rows + i;
+      for (std::ptrdiff_t left = past - first; left >= kTile; left -= kTile, from += kTile, to += kTile * rows)
+        transpose_wide_tile(from, cols, to, rows);
+    }
+  }
+  const std::ptrdiff_t done = cols / kTile * kTile;
+  if (whole > 0 && done < cols) transpose_line<false>(src + done, cols, whole, cols - done, dst + done * rows, rows);
+  if (whole < rows) transpose_block<false>(src + whole * cols, cols, rows - whole, cols, dst + whole, rows);
+}
+#endif
+
 // dst(i, j) = src(i, j) for rows x cols elements; the two do not overlap.
 template <class T>
 void copy_block(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows, std::ptrdiff_t cols, Stored<T>* dst,

@@ -13,10 +13,12 @@ namespace ox {
 namespace {
 
 template <int kSizeLog2> void transpose(const void* src, std::ptrdiff_t rows, std::ptrdiff_t cols, void* dst) {
+  using Bits = typename BitsOfSize<1 << kSizeLog2>::type;
 #if OX_LANE_BYTES == 64
+  if constexpr (kSizeLog2 >= 2)
+    if (rows << kSizeLog2 >= 64) return transpose_wide(in<Bits>(src), rows, cols, out<Bits>(dst));
   kernels_32.transpose[kSizeLog2](src, rows, cols, dst);
 #else
-  using Bits = typename BitsOfSize<1 << kSizeLog2>::type;
   transpose_block<false>(in<Bits>(src), cols, rows, cols, out<Bits>(dst), rows);
 #endif
 }

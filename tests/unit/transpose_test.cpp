@@ -16,7 +16,7 @@ TYPED_TEST_SUITE(TransposeOfEveryDepth, support::EveryDepth, support::DepthName)
 
 TYPED_TEST(TransposeOfEveryDepth, MatchesPlainLoopForEveryShapeAndChannelCount) {
   support::Random random(2301);
-  support::GuardedPages from(65536), to(65536);
+  support::GuardedPages from(262144), to(262144);
   const auto check = [&](std::int32_t rows, std::int32_t cols, int channels, Placement source_at,
                          Placement target_at) {
     const std::uint32_t type = support::with_high_bits(random, OX_TYPE(TypeParam::kType, channels));
@@ -50,6 +50,11 @@ TYPED_TEST(TransposeOfEveryDepth, MatchesPlainLoopForEveryShapeAndChannelCount) 
     check(n, random.between(1, 70), 1, at_end, anywhere);
     check(random.between(1, 70), n, 1, anywhere, anywhere);
   }
+  // More columns than are taken at once, for rows of dst that are a KiB apart and others.
+  constexpr std::int32_t kKiB = 1024 / sizeof(typename TypeParam::Scalar);
+  for (const std::int32_t rows : {kKiB - 1, kKiB, kKiB + 1})
+    for (const std::int32_t cols : {63, 64, 65, 129, 137})
+      check(rows, cols, 1, support::any_placement(random, TypeParam::kType), at_end);
   for (int i = 0; i < support::scaled(200); ++i)
     check(random.between(1, 30), random.between(1, 30), random.between(1, 8),
           support::any_placement(random, TypeParam::kType), support::any_placement(random, TypeParam::kType));
