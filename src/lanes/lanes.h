@@ -136,6 +136,11 @@ template <class T, class WideScalar, int Bytes> struct ApartLanes : CompilerLane
     return a * b;
   }
   static OX_INLINE Vec mul(Vec a, Vec b) {
+    // An odd byte may stay where it is, with nothing below it: its product is where it belongs.
+    if constexpr (sizeof(T) == 1) {
+      const Wide low = (Wide)a * (Wide)b & T(~T{0}), high = ((Wide)a >> kBits) * ((Wide)b >> kBits << kBits);
+      return (Vec)(low | high);
+    }
     return finish({low_product((Wide)a, (Wide)b), low_product((Wide)a >> kBits, (Wide)b >> kBits)});
   }
   static OX_INLINE Sum start(Vec c) { return {(Wide)c, (Wide)c >> kBits}; }
