@@ -15,30 +15,59 @@ constexpr int kBytes = 32;
 #else
 constexpr int kBytes = 16;
 #endif
-typedef float Vec __attribute__((vector_size(kBytes)));
 
-// A chain is v = v * factor + step, whose fixed point is 1. A multiplication and an addition take 6 to 8 cycles one
-// after the other, and no processor starts more than two pairs a cycle: 12 to 16 chains keep it busy. With the two
+// What a width multiplies at once, how many terms of a product that is, and an equation that 1 solves.
+template <class T> struct Lanes {
+  using Scalar = T;
+  typedef T Vec __attribute__((vector_size(kBytes)));
+  static Vec mul(Vec a, Vec b) { return a * b; }
+  static constexpr T kFactor = 3, kStep = static_cast<T>(-2);
+};
+struct Floats32 : Lanes<float> {
+  static constexpr int kTerms = kBytes / 4;
+  static constexpr float kFactor = 0.75f, kStep = 0.25f;  // no rounding
+};
+// Bytes too are multiplied in words of 16 bits.
+struct Words16 : Lanes<unsigned short> {
+  static constexpr int kTerms = kBytes / 2;
+};
+#if defined(__AVX2__)
+struct Words32 : Lanes<unsigned> {
+  static constexpr int kTerms = kBytes / 4;
+};
+#else
+// SSE2 multiplies every other word of 32 bits, into 64.
+struct Words32 : Lanes<unsigned long> {
+  static constexpr int kTerms = kBytes / 8;
+  static Vec mul(Vec a, Vec b) { return (Vec)_mm_mul_epu32((__m128i)a, (__m128i)b); }
+};
+#endif
+
+// A chain is v = v * factor + step, whose fixed point is 1. A multiplication and an addition take 4 to 8 cycles one
+// after the other, and no processor starts more than two pairs a cycle: 8 to 16 chains keep it busy. With the two
 // constants, 14 fill the sixteen registers of the narrow widths.
 constexpr int kChains = 14;
 
-double peak(long pairs, long* lanes) {
-  Vec factor = 0.75f - Vec{}, step = 0.25f - Vec{};
+template <class L> double peak(long terms, long* lanes) {
+  using Vec = typename L::Vec;
+  using Scalar = typename L::Scalar;
+  Vec factor = L::kFactor - Vec{}, step = L::kStep - Vec{};
   asm("" : "+x"(factor), "+x"(step));  // the compiler must not know them
   Vec v[kChains];
   for (Vec& chain : v) {
-    chain = 1.0f - Vec{};
+    chain = Scalar{1} - Vec{};
     asm("" : "+x"(chain));
   }
-  for (long i = 0; i < pairs / kChains; ++i) {
+  for (long i = 0; i < terms / L::kTerms / kChains; ++i) {
 #pragma GCC unroll 14
-    for (Vec& chain : v) chain = chain * factor + step;
+    for (Vec& chain : v) chain = L::mul(chain, factor) + step;
   }
   Vec all = v[0];
   for (int i = 1; i < kChains; ++i) all += v[i];
+  constexpr int kLanes = sizeof all / sizeof all[0];
   double sum = 0;
-  for (int i = 0; i < kBytes / 4; ++i) sum += static_cast<double>(all[i]);
-  *lanes = kChains * (kBytes / 4);
+  for (int i = 0; i < kLanes; ++i) sum += static_cast<double>(all[i]);
+  *lanes = long{kChains} * kLanes;
   return sum;
 }
 
@@ -92,7 +121,10 @@ double eliminate(long steps, long* lanes) {
 }  // namespace
 
 void add_peak(Rivals& rivals) {
-  rivals.peak = peak;
+  rivals.peak[kS8] = peak<Words16>;
+  rivals.peak[kS16] = peak<Words16>;
+  rivals.peak[kS32] = peak<Words32>;
+  rivals.peak[kF32] = peak<Floats32>;
   rivals.eliminate = eliminate;
   rivals.peak_bytes = kBytes;
 }

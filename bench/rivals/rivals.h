@@ -43,10 +43,10 @@ struct Rivals {
   const char* name;
   Author eigen;
   Author plain;
-  // Does a number of vector multiplications and as many vector additions, separate ones of vectors of peak_bytes, in
-  // registers and in independent chains. Returns the sum of all lanes, of which each is 1 but for rounding, and writes
-  // how many lanes these are.
-  double (*peak)(long pairs, long* lanes);
+  // By depth: does the multiplications and additions of so many terms of a product, separate ones of vectors of
+  // peak_bytes, in registers and in independent chains. Returns the sum of all lanes, of which each is 1 but for
+  // rounding, and writes how many lanes these are.
+  double (*peak[8])(long terms, long* lanes);
   // The same for so many steps of an elimination, of peak_bytes / 8 numbers each, which are floats in memory and doubles
   // in between.
   double (*eliminate)(long steps, long* lanes);
