@@ -139,8 +139,8 @@ OX_INLINE void transpose_wide_tile(const Stored<T>* src, std::ptrdiff_t src_row,
   typename L::Vec first[kPart], second[kPart];
 #pragma GCC unroll 4
   for (int r = 0; r < kPart; ++r, src += src_row) {
-    first[r] = (typename L::Vec)join_halves(load(src), load(src + 2 * quarter));
-    second[r] = (typename L::Vec)join_halves(load(src + quarter), load(src + 3 * quarter));
+    first[r] = (typename L::Vec)join_halves(load(src), load(src + quarter));
+    second[r] = (typename L::Vec)join_halves(load(src + 2 * quarter), load(src + 3 * quarter));
   }
   transpose_squares<kPart, L::kCount>(first);
   transpose_squares<kPart, L::kCount>(second);
@@ -148,8 +148,8 @@ OX_INLINE void transpose_wide_tile(const Stored<T>* src, std::ptrdiff_t src_row,
 #pragma GCC unroll 4
   for (int c = 0; c < kPart; ++c, dst += dst_row, right += dst_row) {
     const auto a = (Words64)first[c], b = (Words64)second[c];
-    L::store(dst, (typename L::Vec)__builtin_shufflevector(a, b, 0, 1, 8, 9, 4, 5, 12, 13));
-    L::store(right, (typename L::Vec)__builtin_shufflevector(a, b, 2, 3, 10, 11, 6, 7, 14, 15));
+    L::store(dst, (typename L::Vec)__builtin_shufflevector(a, b, 0, 1, 4, 5, 8, 9, 12, 13));
+    L::store(right, (typename L::Vec)__builtin_shufflevector(a, b, 2, 3, 6, 7, 10, 11, 14, 15));
   }
 }
 
