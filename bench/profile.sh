@@ -6,7 +6,7 @@ build=$(cd "$1" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-for what in "product 1" "product 2" "product 4" filter; do
+for what in "product 1" "product 2" "product 4" "add 16" filter; do
   # shellcheck disable=SC2086
   valgrind --tool=callgrind --callgrind-out-file="$work/out" --toggle-collect=repeat "$build/bench/profile" $what \
     >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
