@@ -43,9 +43,9 @@ struct Words32 : Lanes<unsigned long> {
 };
 #endif
 
-// A chain is v = v * factor + step, whose fixed point is 1. A multiplication and an addition take 4 to 8 cycles one
-// after the other, and no processor starts more than two pairs a cycle: 8 to 16 chains keep it busy. With the two
-// constants, 14 fill the sixteen registers of the narrow widths.
+// A chain is v = v * factor + step, whose fixed point is 1. A multiplication and an addition one after the other take 4 to
+// 8 cycles on processors that start two pairs a cycle, and up to 11 where it is one: 8 to 16 chains keep them busy. With
+// the two constants, 14 fill the sixteen registers of the narrow widths.
 constexpr int kChains = 14;
 
 template <class L> double peak(long terms, long* lanes) {

@@ -114,7 +114,8 @@ constexpr bool kSse2 = false;
 // those again for each row, as twelve sums leave no room for them.
 template <class L>
 constexpr bool kSpreadsInTwo = kSse2 && sizeof(typename L::Scalar) == 4 && kIsFloat<typename L::Scalar>;
-// An integer takes four: those of a few rows are spread once for all columns.
+// Integers of 8 and 16 bits take four and more, and all but those of 16 meet half a vector at a time: the factors of a few
+// rows are spread once for all columns.
 template <class L>
 constexpr bool kSpreadsAhead = kSse2 && sizeof(typename L::Scalar) <= 4 && !kIsFloat<typename L::Scalar>;
 
@@ -519,8 +520,8 @@ template <class L> __attribute__((noinline)) void product_by_spread(const Produc
     product_in<L>({rows, p.n, p.k, a, p.a_row, p.a_col, p.b, p.b_row, p.b_col, c, dst, p.subtract});
 }
 
-// A result whose rows are one or two whole vectors, as those of a tracker's filter: every distance is a constant. Panels
-// of so many terms at most; four vectors have none.
+// A result whose rows are one or two whole vectors, as those of a tracker's filter, or four where no panel is needed: every
+// distance is a constant. Panels have so many terms at most.
 constexpr std::ptrdiff_t kNarrowTerms = 64;
 
 template <class L, int kVectors> __attribute__((noinline)) void narrow(const ProductArgs& p) {
@@ -696,7 +697,8 @@ template <class T> void product(const ProductArgs& p) {
       return band<L, 1>(p, p.n, watch);
     }
   if constexpr (kSpreadsAhead<L>) {
-    constexpr std::ptrdiff_t kLeast = L::kCount < 8 ? 16 : 2 * L::kCount;  // columns, for which it pays
+    // Two vectors, so that the last has one beside it, and as many columns as the spreading is shared by for it to pay.
+    constexpr std::ptrdiff_t kLeast = 2 * L::kCount > 16 ? 2 * L::kCount : 16;
     if (p.n >= kLeast && p.m >= 4 && p.b_col == 1 && !p.subtract) return product_by_spread<L>(p);
   }
   product_in<L>(p);

@@ -90,8 +90,9 @@ OX_INLINE void transpose_strip(const Stored<T>* src, std::ptrdiff_t src_row, std
                                Stored<T>* dst, std::ptrdiff_t dst_row) {
   using L = CompilerLanes<T, kBytes>;
   constexpr int kPart = kColumnsAtOnce<T>;
-  for (; rows > 0; rows -= L::kCount, src += L::kCount * src_row, dst += L::kCount) {
-    const std::ptrdiff_t high = rows < L::kCount ? rows : L::kCount;
+  std::ptrdiff_t high;
+  for (; rows > 0; rows -= high, src += high * src_row, dst += high) {
+    high = rows < L::kCount ? rows : L::kCount;
     const Stored<T>* from = src;
     Stored<T>* to = dst;
     std::ptrdiff_t left = cols;
@@ -110,7 +111,7 @@ template <bool kPadded, class T>
 __attribute__((noinline)) void transpose_line(const Stored<T>* src, std::ptrdiff_t src_row, std::ptrdiff_t rows,
                                               std::ptrdiff_t cols, Stored<T>* dst, std::ptrdiff_t dst_row) {
   // Panels of bytes and 16-bit words are filled as fast by vectors of half the size, with half the code. Vectors of 64
-  // bytes, which take more shuffles to put together, are faster only where both sizes are known.
+  // bytes, put together from parts of 16, are faster only where both sizes are known.
   constexpr int kHalf = OX_LANE_BYTES > 16 ? OX_LANE_BYTES / 2 : OX_LANE_BYTES;
   constexpr int kBytes = OX_LANE_BYTES > 32 || (kPadded && sizeof(T) <= 2) ? kHalf : OX_LANE_BYTES;
   transpose_strip<kPadded, kBytes>(src, src_row, rows, cols, dst, dst_row);

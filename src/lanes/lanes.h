@@ -140,8 +140,9 @@ template <class T, class WideScalar, int Bytes> struct ApartLanes : CompilerLane
     if constexpr (sizeof(T) == 1) {
       const Wide low = (Wide)a * (Wide)b & T(~T{0}), high = ((Wide)a >> kBits) * ((Wide)b >> kBits << kBits);
       return (Vec)(low | high);
+    } else {
+      return finish({low_product((Wide)a, (Wide)b), low_product((Wide)a >> kBits, (Wide)b >> kBits)});
     }
-    return finish({low_product((Wide)a, (Wide)b), low_product((Wide)a >> kBits, (Wide)b >> kBits)});
   }
   static OX_INLINE Sum start(Vec c) { return {(Wide)c, (Wide)c >> kBits}; }
   static OX_INLINE Vec finish(Sum s) { return (Vec)((s.even & static_cast<T>(~T{0})) | (s.odd << kBits)); }

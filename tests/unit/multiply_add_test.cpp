@@ -191,10 +191,10 @@ TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopAroundEveryPanelsEnd) {
 // Factors of four rows may be spread beforehand, 14 KiB of vectors at a time.
 TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopWhereFactorsAreSpread) {
   support::Random random(3212);
-  Product<TypeParam> product(random, 120);
+  Product<TypeParam> product(random, 180);
   for (const Form form : kForms)
     for (const std::int32_t n : {16, 20, 32, 40, 48, 50})
-      for (const std::int32_t k : {17, 224, 225}) ASSERT_TRUE(product.agrees(random.between(3, 13), n, k, form));
+      for (const std::int32_t k : {17, 224, 225, 449}) ASSERT_TRUE(product.agrees(random.between(3, 13), n, k, form));
 }
 
 TYPED_TEST(MulAddAndSubMulOfEveryDepth, TakeOneMatrixForBothFactors) {

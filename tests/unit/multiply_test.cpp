@@ -162,10 +162,10 @@ TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopForRowsOfWholeCacheLines) {
 // Factors of four rows may be spread beforehand, 14 KiB of vectors at a time.
 TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopWhereFactorsAreSpread) {
   support::Random random(3112);
-  Product<TypeParam> product(random, 120);
+  Product<TypeParam> product(random, 180);
   for (const std::uint32_t flags : {0u, std::uint32_t{OX_MAT_TRANSPOSE_A}})
     for (const std::int32_t n : {15, 16, 17, 24, 31, 32, 33, 48, 49, 64})
-      for (const std::int32_t k : {4, 15, 16, 17, 223, 224, 225})
+      for (const std::int32_t k : {4, 15, 16, 17, 223, 224, 225, 449})
         ASSERT_TRUE(product.agrees(random.between(3, 13), n, k, flags));
 }
 
