@@ -171,7 +171,7 @@ void transpose_wide(const Stored<T>* src, std::ptrdiff_t rows, std::ptrdiff_t co
     }
   }
   const std::ptrdiff_t done = cols / kTile * kTile;
-  if (whole > 0 && done < cols) transpose_line<false>(src + done, cols, whole, cols - done, dst + done * rows, rows);
+  if (done < cols) transpose_line<false>(src + done, cols, whole, cols - done, dst + done * rows, rows);
   if (whole < rows) transpose_block<false>(src + whole * cols, cols, rows - whole, cols, dst + whole, rows);
 }
 #endif
