@@ -93,15 +93,23 @@ template <class L, class T> OX_INLINE typename L::Factor factor_at(const Stored<
     return L::factor(p->value);
 }
 
+// Factors in memory that meet each vector twice, in even and in odd lanes, are loaded twice, by way of a zero that the
+// compiler does not know: a load takes the place of the copy that a product, which destroys a factor, would cost.
+template <class L, int kVectors> constexpr bool kLoadsTwice = kSpread<L> && L::kRegistersPerSum == 2 && kVectors == 1;
+
 // Adds a(r, k) * row for one k.
 template <class L, int kRows, int kVectors, class T>
 OX_INLINE void add_term(typename L::Sum (&sums)[kRows][kVectors], const Stored<T>* a, std::ptrdiff_t a_row,
-                        const typename L::Vec (&row)[kVectors]) {
+                        const typename L::Vec (&row)[kVectors], std::ptrdiff_t zero = 0) {
 #pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r) {
     const auto x = factor_at<L>(a + r * a_row);
+    if constexpr (kLoadsTwice<L, kVectors>) {
+      sums[r][0] = L::mul_add(sums[r][0], x, factor_at<L>(a + r * a_row + zero), row[0]);
+    } else {
 #pragma GCC unroll 4
-    for (int v = 0; v < kVectors; ++v) sums[r][v] = L::mul_add(sums[r][v], x, row[v]);
+      for (int v = 0; v < kVectors; ++v) sums[r][v] = L::mul_add(sums[r][v], x, row[v]);
+    }
   }
 }
 
@@ -180,10 +188,12 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
     }
   }
   if constexpr (kTwoTerms<L, kRows, kVectors>) {
+    std::ptrdiff_t zero = 0;
+    if constexpr (kLoadsTwice<L, kVectors>) asm("" : "+r"(zero));
 #pragma GCC unroll 2
     for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
       load_row<L>(row, b, tail);
-      add_term<L>(sums, a, f.a_row, row);
+      add_term<L>(sums, a, f.a_row, row, zero);
     }
   } else {
     // What is bound by the fetching of its instructions gains 5 % where the loop begins, behind what prepares it, in the

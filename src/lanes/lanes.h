@@ -147,9 +147,10 @@ template <class T, class WideScalar, int Bytes> struct ApartLanes : CompilerLane
   static OX_INLINE Sum start(Vec c) { return {(Wide)c, (Wide)c >> kBits}; }
   static OX_INLINE Vec finish(Sum s) { return (Vec)((s.even & static_cast<T>(~T{0})) | (s.odd << kBits)); }
   static OX_INLINE Factor factor(T x) { return (Factor)CompilerLanes<T, Bytes>::splat(x); }
-  static OX_INLINE Sum mul_add(Sum s, Factor a, Vec b) {
-    return {s.even + low_product(a, (Wide)b), s.odd + low_product(a, (Wide)b >> kBits)};
+  static OX_INLINE Sum mul_add(Sum s, Factor a, Factor same, Vec b) {
+    return {s.even + low_product(a, (Wide)b), s.odd + low_product(same, (Wide)b >> kBits)};
   }
+  static OX_INLINE Sum mul_add(Sum s, Factor a, Vec b) { return mul_add(s, a, a, b); }
 };
 template <int Bytes> struct Lanes<uint8_t, Bytes> : ApartLanes<uint8_t, uint16_t, Bytes> {};
 #endif
