@@ -80,24 +80,24 @@ void each_scalar(std::ptrdiff_t count, Stored<T>* dst, Op op, const Sources*... 
   for (; count > 0; --count, ++dst, (..., ++src)) dst->value = op.template apply<OneLane<T>>(src->value...);
 }
 
-template <class T> void add_each(std::ptrdiff_t count, const void* a, const void* b, void* dst) {
+template <class T> void add_each(const void* a, const void* b, void* dst, std::ptrdiff_t count) {
   each_scalar(count, out<T>(dst), Add{}, in<T>(a), in<T>(b));
 }
-template <class T> void sub_each(std::ptrdiff_t count, const void* a, const void* b, void* dst) {
+template <class T> void sub_each(const void* a, const void* b, void* dst, std::ptrdiff_t count) {
   each_scalar(count, out<T>(dst), Sub{}, in<T>(a), in<T>(b));
 }
 // The factor is read once, before anything is stored: it may stand inside dst.
-template <class T> void scale_each(std::ptrdiff_t count, const void* factor, const void* src, void* dst) {
+template <class T> void scale_each(const void* factor, const void* src, void* dst, std::ptrdiff_t count) {
   each_scalar(count, out<T>(dst), Scale<T>{in<T>(factor)->value}, in<T>(src));
 }
-template <class T> void negate_each(std::ptrdiff_t count, const void* src, void* dst) {
+template <class T> void negate_each(const void* src, void* dst, std::ptrdiff_t count) {
   using Bits = typename BitsOfSize<sizeof(T)>::type;
   if constexpr (kIsFloat<T>)
     each_scalar(count, out<Bits>(dst), FlipSign<Bits>{}, in<Bits>(src));
   else
     each_scalar(count, out<T>(dst), Negate<T>{}, in<T>(src));
 }
-template <class T> void fill_ones(std::ptrdiff_t count, void* dst) { each_scalar(count, out<T>(dst), One<T>{}); }
+template <class T> void fill_ones(void* dst, std::ptrdiff_t count) { each_scalar(count, out<T>(dst), One<T>{}); }
 
 }  // namespace
 }  // namespace ox

@@ -46,13 +46,13 @@ extern const float kIdentity[kStates][kStates];
 
 struct Kernels {
   int bytes;  // of a vector
-  // By depth.
+  // By depth. Arguments stand where the routines of the matrices have theirs, so that these move none.
   void (*product[8])(const ProductArgs& p);
-  void (*add[8])(std::ptrdiff_t count, const void* a, const void* b, void* dst);
-  void (*sub[8])(std::ptrdiff_t count, const void* a, const void* b, void* dst);
-  void (*scale[8])(std::ptrdiff_t count, const void* factor, const void* src, void* dst);
-  void (*negate[8])(std::ptrdiff_t count, const void* src, void* dst);
-  void (*fill_ones[8])(std::ptrdiff_t count, void* dst);
+  void (*add[8])(const void* a, const void* b, void* dst, std::ptrdiff_t count);
+  void (*sub[8])(const void* a, const void* b, void* dst, std::ptrdiff_t count);
+  void (*scale[8])(const void* factor, const void* src, void* dst, std::ptrdiff_t count);
+  void (*negate[8])(const void* src, void* dst, std::ptrdiff_t count);
+  void (*fill_ones[8])(void* dst, std::ptrdiff_t count);
   // By the logarithm of the scalar's size: dst [cols x rows] of src [rows x cols], which do not overlap.
   void (*transpose[4])(const void* src, std::ptrdiff_t rows, std::ptrdiff_t cols, void* dst);
   // dst = inverse of src, n x n floats each, by way of the work area; dst may be src.

@@ -40,7 +40,7 @@ void ox_mat_setzero(ox_mat_t* m) {
 }
 
 void ox_mat_setone(ox_mat_t* m) {
-  ox::kernels().fill_ones[m->type & 7u](ox::scalar_count(*m), m->data);
+  ox::kernels().fill_ones[m->type & 7u](m->data, ox::scalar_count(*m));
 }
 
 void ox_mat_setidentity(ox_mat_t* m) {
