@@ -60,10 +60,11 @@ double wrapped(unsigned depth, double value) {
 }
 
 void* new_array(unsigned depth, std::size_t count) {
-  static unsigned arrays = 0;
-  const std::size_t offset = (arrays++ % 8) * 448;  // 7 cache lines
-  const std::size_t bytes = (count * scalar_bytes(depth) + offset + 4096) / 4096 * 4096;
-  void* block = std::aligned_alloc(4096, bytes);
+  static std::size_t arrays = 0;
+  const std::size_t offset =
+      count == 1 ? kScalarPlace : (kOperandPlaces - 1 - arrays++ % kOperandPlaces) * kOperandPlace;
+  const std::size_t bytes = (count * scalar_bytes(depth) + offset + kPage) / kPage * kPage;
+  void* block = std::aligned_alloc(kPage, bytes);
   if (!block) std::abort();
   std::memset(block, 0, bytes);  // so that every page is there
   return static_cast<char*>(block) + offset;

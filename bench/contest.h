@@ -3,12 +3,16 @@
 // it is timed; a wrong one ends the programme.
 #pragma once
 
+#include <alloca.h>
 #include <benchmark/benchmark.h>
 #include <ox.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,8 +31,14 @@ void set_scalar(unsigned depth, void* data, std::size_t i, double value);
 // What is left of a whole number in the integer type of a depth.
 double wrapped(unsigned depth, double value);
 
-// Storage for scalars, at a multiple of 64 bytes, for every contender of a contest the same. Successive ones start at
-// different places of a page: at equal ones the processor would take a load for dependent on a store before it.
+// Where a page is divided. A load that stands at the same place of its page as a store just before it is taken for
+// dependent on that store, and waits: what a contest reads and what it writes stand at different places, each operand of
+// 1088 bytes at most at its own, and none where the calls have their arguments.
+constexpr std::size_t kPage = 4096, kOperandPlace = 1088, kOperandPlaces = 3;
+constexpr std::size_t kScalarPlace = kOperandPlaces * kOperandPlace, kCallPlace = kScalarPlace + 64;
+
+// Storage for scalars, at a multiple of 64 bytes, for every contender of a contest the same. Of three in succession each
+// stands before the one made before it, so that a result made last is written where its operands have been read.
 void* new_array(unsigned depth, std::size_t count);
 // Fills with whole numbers from least to most, always the same for one seed.
 void fill(unsigned depth, void* data, std::size_t count, int least, int most, unsigned seed);
@@ -85,21 +95,41 @@ bool has_width(int bytes);
 // narrowest width after it would be up to five times slower, for as long as nobody clears them.
 void clear_upper_registers();
 
+// A call, with its arguments, where no contender's operands are in the way.
+template <class Run> Run* at_call_place(const Run& run) {
+  static_assert(sizeof(Run) <= kPage - kCallPlace);
+  auto* const page = static_cast<unsigned char*>(std::aligned_alloc(kPage, kPage));
+  if (!page) std::abort();
+  return new (page + kCallPlace) Run(run);
+}
+
+// The turns of a contender, on a stack that begins at a page's end, above all that has a place.
+template <class Run> __attribute__((noinline)) void turns(benchmark::State& state, Run& run) {
+  for (auto _ : state) {
+    run();
+    benchmark::ClobberMemory();
+  }
+}
+template <class Run> __attribute__((noinline)) void turns_at_place(benchmark::State& state, Run& run) {
+  const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+  void* const room = alloca(here % kPage);
+  asm volatile("" ::"r"(room) : "memory");
+  turns(state, run);
+}
+
 // run: the call that is timed, without arguments. row and column: any text without '/'.
 template <class Run>
 void contend(const std::string& table, const std::string& row, const std::string& column, Answer answer, Run run,
              int width_bytes = 0) {
   const std::string name = table + "/" + row + "/" + column;
   benchmark::RegisterBenchmark(
-      name.c_str(), [name, answer, run, width_bytes, checked = false](benchmark::State& state) mutable {
+      name.c_str(),
+      [name, answer, call = at_call_place(run), width_bytes, checked = false](benchmark::State& state) mutable {
         const FixedWidth width(width_bytes);
-        if (!checked) check(name, answer, run);
+        if (!checked) check(name, answer, *call);
         checked = true;
         clear_upper_registers();
-        for (auto _ : state) {
-          run();
-          benchmark::ClobberMemory();
-        }
+        turns_at_place(state, *call);
       });
 }
 
