@@ -41,21 +41,41 @@ OX_INLINE bool steps_allowed(const void* dst, const void* src, std::size_t step_
   return above == 0 || above >= step_bytes;
 }
 
+// One vector, and on to the next. NEON's loads and stores know no offset, but can move their pointer on: they do where the
+// compiler does not know that places are as far apart as they are, and would add each distance to the first, and where
+// it has not put a load off.
+template <class L, class T> OX_INLINE typename L::Vec take(const Stored<T>*& p) {
+  auto v = L::load(p);
+  p += L::kCount;
+#if defined(__arm__) && defined(__ARM_NEON)
+  asm("" : "+r"(p), "+w"(v));
+#endif
+  return v;
+}
+template <class L, class T> OX_INLINE void put(Stored<T>*& p, typename L::Vec v) {
+  L::store(p, v);
+  p += L::kCount;
+#if defined(__arm__) && defined(__ARM_NEON)
+  asm("" : "+r"(p));
+#endif
+}
+
 template <class L, int kVectors, class T, class Op, class... Sources>
-OX_INLINE void step(Stored<T>* dst, const Op& op, Watch<L>& watch, const Sources*... src) {
+OX_INLINE void step(Stored<T>*& dst, const Op& op, Watch<L>& watch, const Sources*&... src) {
+  constexpr std::ptrdiff_t kStep = kVectors * L::kCount;
   typename L::Vec v[kVectors];
 #pragma GCC unroll 4
-  for (int i = 0; i < kVectors; ++i) v[i] = op.template apply<L>(L::load(src + i * L::kCount)...);
+  for (int i = 0; i < kVectors; ++i) v[i] = op.template apply<L>(take<L>(src)...);
 #pragma GCC unroll 4
   for (int i = 0; i < kVectors; ++i) watch.await(v[i]);
   if constexpr (L::kFlushes)
     if (watch.tripped()) {
-      for (std::ptrdiff_t i = 0; i < kVectors * L::kCount; ++i)
-        dst[i].value = op.template apply<OneLane<T>>(src[i].value...);
+      for (std::ptrdiff_t i = kStep; i > 0; --i, ++dst)
+        dst->value = op.template apply<OneLane<T>>(src[-i].value...);
       return watch.clear();
     }
 #pragma GCC unroll 4
-  for (int i = 0; i < kVectors; ++i) L::store(dst + i * L::kCount, v[i]);
+  for (int i = 0; i < kVectors; ++i) put<L>(dst, v[i]);
 }
 
 // dst[i] = op(src[i]...), with the result of the plain loop in rising order whatever overlaps.
@@ -65,10 +85,9 @@ void each_scalar(std::ptrdiff_t count, Stored<T>* dst, Op op, const Sources*... 
   constexpr std::ptrdiff_t kStep = kUnrolled * L::kCount;
   if (L::kCount > 1 && (... && steps_allowed(dst, src, kStep * sizeof(T)))) {
     Watch<L> watch;
-    for (; count >= kStep; count -= kStep, dst += kStep, (..., (src += kStep))) step<L, kUnrolled>(dst, op, watch, src...);
+    for (; count >= kStep; count -= kStep) step<L, kUnrolled>(dst, op, watch, src...);
     if (count == 0) return;
-    for (; count >= L::kCount; count -= L::kCount, dst += L::kCount, (..., (src += L::kCount)))
-      step<L, 1>(dst, op, watch, src...);
+    for (; count >= L::kCount; count -= L::kCount) step<L, 1>(dst, op, watch, src...);
     if constexpr (L::kMasked) {
       if (count > 0) {
         const auto rest = L::mask(count);
