@@ -81,6 +81,13 @@ OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename
     for (int v = 0; v < kVectors; ++v) sums[r][v] = L::template mul_add_lane<kLane>(sums[r][v], a[r], row[v]);
 }
 
+// Adds a(r, k) * row for one k and one r, where a holds the factors of successive rows.
+template <class L, int kRow, int kVectors>
+OX_INLINE void add_to_row(typename L::Sum (&sums)[kVectors], typename L::Vec a, const typename L::Vec (&row)[kVectors]) {
+#pragma GCC unroll 4
+  for (int v = 0; v < kVectors; ++v) sums[v] = L::template mul_add_lane<kRow>(sums[v], a, row[v]);
+}
+
 // Lanes whose factors stand in memory as whole vectors.
 template <class Base> struct SpreadLanes : Base {};
 template <class L> constexpr bool kSpread = false;
@@ -185,6 +192,16 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
         add_lane<L, 3>(sums, factors, row);
         b += f.b_row;
       }
+    } else if constexpr (kRows == 4) {
+      if (f.a_row == 1)
+        for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
+          const auto factors = L::load(a);
+          load_row<L>(row, b, tail);
+          add_to_row<L, 0>(sums[0], factors, row);
+          add_to_row<L, 1>(sums[1], factors, row);
+          add_to_row<L, 2>(sums[2], factors, row);
+          add_to_row<L, 3>(sums[3], factors, row);
+        }
     }
   }
   if constexpr (kTwoTerms<L, kRows, kVectors>) {
