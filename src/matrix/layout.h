@@ -22,11 +22,12 @@ inline int32_t scalar_count(const ox_mat_t& m) {
   return wrapped_product(static_cast<uint32_t>(m.rows), row);
 }
 
-// What does not match is the caller's mistake: code lies so that what matches goes straight on.
-inline bool as_usual(bool matches) { return __builtin_expect(matches, true); }
+// What does not match is the caller's mistake: code lies so that what matches goes straight on. In a function of its own
+// the hint would come too late.
+#define OX_USUALLY(matches) __builtin_expect(matches, true)
 
 inline bool same_shape(const ox_mat_t& a, const ox_mat_t& b) {
-  return as_usual(a.type == b.type && a.rows == b.rows && a.cols == b.cols);
+  return OX_USUALLY(a.type == b.type && a.rows == b.rows && a.cols == b.cols);
 }
 
 template <class T> inline Stored<T>* scalars(const ox_mat_t& m) { return static_cast<Stored<T>*>(m.data); }
