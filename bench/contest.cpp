@@ -59,16 +59,25 @@ double wrapped(unsigned depth, double value) {
   return has_sign && rest >= values / 2 ? rest - values : rest;
 }
 
-void* new_array(unsigned depth, std::size_t count) {
-  static std::size_t arrays = 0;
-  const std::size_t offset =
-      count == 1 ? kScalarPlace : (kOperandPlaces - 1 - arrays++ % kOperandPlaces) * kOperandPlace;
-  const std::size_t bytes = (count * scalar_bytes(depth) + offset + kPage) / kPage * kPage;
+namespace {
+
+void* new_storage(std::size_t least_bytes, std::size_t offset) {
+  const std::size_t bytes = (least_bytes + offset + kPage) / kPage * kPage;
   void* block = std::aligned_alloc(kPage, bytes);
   if (!block) std::abort();
   std::memset(block, 0, bytes);  // so that every page is there
   return static_cast<char*>(block) + offset;
 }
+
+}  // namespace
+
+void* new_array(unsigned depth, std::size_t count) {
+  static std::size_t arrays = 0;
+  const std::size_t place = kOperandPlaces - 1 - arrays++ % kOperandPlaces;
+  return new_storage(count * scalar_bytes(depth), place * kOperandPlace);
+}
+
+void* new_scalar(unsigned depth) { return new_storage(scalar_bytes(depth), kScalarPlace); }
 
 void fill(unsigned depth, void* data, std::size_t count, int least, int most, unsigned seed) {
   std::mt19937 random(seed);

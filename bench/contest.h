@@ -37,9 +37,11 @@ double wrapped(unsigned depth, double value);
 constexpr std::size_t kPage = 4096, kOperandPlace = 1088, kOperandPlaces = 3;
 constexpr std::size_t kScalarPlace = kOperandPlaces * kOperandPlace, kCallPlace = kScalarPlace + 64;
 
-// Storage for scalars, at a multiple of 64 bytes, for every contender of a contest the same. Of three in succession each
-// stands before the one made before it, so that a result made last is written where its operands have been read.
+// Storage for scalars, at a multiple of 64 bytes, for every contender of a contest the same. Successive arrays take the
+// places of a page in turn, from the last to the first.
 void* new_array(unsigned depth, std::size_t count);
+// Storage for one that is read beside arrays.
+void* new_scalar(unsigned depth);
 // Fills with whole numbers from least to most, always the same for one seed.
 void fill(unsigned depth, void* data, std::size_t count, int least, int most, unsigned seed);
 // Fills with numbers of both signs and magnitudes from 1/2 to 1.

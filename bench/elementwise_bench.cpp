@@ -20,7 +20,7 @@ struct Operands {
 };
 
 Operands new_operands(unsigned depth, long n) {
-  Operands o{depth, n, nullptr, nullptr, new_array(depth, 1), nullptr};
+  Operands o{depth, n, nullptr, nullptr, new_scalar(depth), nullptr};
   for (void** array : {&o.a, &o.b, &o.dst}) *array = new_array(depth, o.count());
   const bool has_sign = depth != OX_U8;
   fill(depth, o.a, o.count(), has_sign ? -100 : 0, 100, 1);

@@ -41,9 +41,9 @@ OX_INLINE bool steps_allowed(const void* dst, const void* src, std::size_t step_
   return above == 0 || above >= step_bytes;
 }
 
-// One vector, and on to the next. NEON's loads and stores know no offset, but can move their pointer on: they do where the
-// compiler does not know that places are as far apart as they are, and would add each distance to the first, and where
-// it has not put a load off.
+// One vector, and on to the next. NEON's loads and stores know no offset, but can move their pointer on. The compiler has
+// them do so only where it cannot see how far apart the places are, else it adds each distance to the first one, and only
+// where the load stands before the move.
 template <class L, class T> OX_INLINE typename L::Vec take(const Stored<T>*& p) {
   auto v = L::load(p);
   p += L::kCount;
