@@ -72,8 +72,8 @@ OX_INLINE void load_row(typename L::Vec (&row)[kVectors], const Stored<T>* b, co
 }
 
 // Adds a(r, k) * row for one k, where a holds the factors of four successive k for each row of the tile.
-template <class L, int kLane, int kRows, int kVectors>
-OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename L::Vec (&a)[kRows],
+template <class L, int kLane, int kRows, int kVectors, class FourFactors>
+OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const FourFactors (&a)[kRows],
                         const typename L::Vec (&row)[kVectors]) {
 #pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r)
@@ -83,7 +83,8 @@ OX_INLINE void add_lane(typename L::Sum (&sums)[kRows][kVectors], const typename
 
 // Adds a(r, k) * row for one k and one r, where a holds the factors of successive rows.
 template <class L, int kRow, int kVectors>
-OX_INLINE void add_to_row(typename L::Sum (&sums)[kVectors], typename L::Vec a, const typename L::Vec (&row)[kVectors]) {
+OX_INLINE void add_to_row(typename L::Sum (&sums)[kVectors], typename L::FourFactors a,
+                          const typename L::Vec (&row)[kVectors]) {
 #pragma GCC unroll 4
   for (int v = 0; v < kVectors; ++v) sums[v] = L::template mul_add_lane<kRow>(sums[v], a, row[v]);
 }
@@ -179,9 +180,9 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
   if constexpr (L::kByLane) {
     if (f.a_col == 1) {
       for (; terms_left >= 4; terms_left -= 4, a += 4) {
-        typename L::Vec factors[kRows];
+        typename L::FourFactors factors[kRows];
 #pragma GCC unroll 12
-        for (int r = 0; r < kRows; ++r) factors[r] = L::load(a + r * f.a_row);
+        for (int r = 0; r < kRows; ++r) factors[r] = L::load_factors(a + r * f.a_row);
         load_row<L>(row, b, tail);
         add_lane<L, 0>(sums, factors, row);
         load_row<L>(row, b += f.b_row, tail);
@@ -195,7 +196,7 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
     } else if constexpr (kRows == 4) {
       if (f.a_row == 1)
         for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
-          const auto factors = L::load(a);
+          const auto factors = L::load_factors(a);
           load_row<L>(row, b, tail);
           add_to_row<L, 0>(sums[0], factors, row);
           add_to_row<L, 1>(sums[1], factors, row);

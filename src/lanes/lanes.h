@@ -38,7 +38,8 @@ template <class L, class T, class V> struct PlainSums {
   static OX_INLINE Sum start(V c) { return c; }
   static OX_INLINE V finish(Sum s) { return s; }
   static OX_INLINE Factor factor(T x) { return L::splat(x); }
-  static constexpr bool kByLane = false;  // whether a factor can be a lane of a vector
+  // Whether a factor can be a lane: then FourFactors are four that stand side by side, as load_factors brings them.
+  static constexpr bool kByLane = false;
   static OX_INLINE Sum mul_add(Sum s, Factor a, V b) { return L::add(s, L::mul(a, b)); }
 };
 
@@ -115,7 +116,10 @@ template <class T, int Bytes> struct CompilerLanes {
 };
 
 template <class T, int Bytes>
-struct Lanes : CompilerLanes<T, Bytes>, PlainSums<CompilerLanes<T, Bytes>, T, typename CompilerLanes<T, Bytes>::Vec> {};
+struct PlainLanes : CompilerLanes<T, Bytes>,
+                    PlainSums<CompilerLanes<T, Bytes>, T, typename CompilerLanes<T, Bytes>::Vec> {};
+
+template <class T, int Bytes> struct Lanes : PlainLanes<T, Bytes> {};
 
 #if defined(__x86_64__) || defined(__i386__)
 // What x86 multiplies only in lanes of twice the size: even and odd elements are summed apart in such lanes, of which
@@ -221,8 +225,34 @@ template <int Bytes> struct Lanes<float, Bytes> {
   static OX_INLINE Factor factor(float x) { return vdupq_n_f32(x); }
   static OX_INLINE Sum mul_add(Sum s, Factor a, Vec b) { return vmlaq_f32(s, a, b); }
   static constexpr bool kByLane = true;
-  template <int kLane> static OX_INLINE Sum mul_add_lane(Sum s, Vec a, Vec b) {
+  using FourFactors = Vec;
+  static OX_INLINE FourFactors load_factors(const Stored<float>* p) { return load(p); }
+  template <int kLane> static OX_INLINE Sum mul_add_lane(Sum s, FourFactors a, Vec b) {
     return vmlaq_lane_f32(s, b, kLane < 2 ? vget_low_f32(a) : vget_high_f32(a), kLane % 2);
+  }
+};
+
+// VMLA takes a lane as factor for integers too, but for bytes.
+template <int Bytes> struct Lanes<uint16_t, Bytes> : PlainLanes<uint16_t, Bytes> {
+  using Vec = typename CompilerLanes<uint16_t, Bytes>::Vec;
+  static constexpr bool kByLane = true;
+  using FourFactors = uint16x4_t;
+  static OX_INLINE FourFactors load_factors(const Stored<uint16_t>* p) {
+    return vld1_u16(reinterpret_cast<const uint16_t*>(p));
+  }
+  template <int kLane> static OX_INLINE Vec mul_add_lane(Vec s, FourFactors a, Vec b) {
+    return (Vec)vmlaq_lane_u16((uint16x8_t)s, (uint16x8_t)b, a, kLane);
+  }
+};
+template <int Bytes> struct Lanes<uint32_t, Bytes> : PlainLanes<uint32_t, Bytes> {
+  using Vec = typename CompilerLanes<uint32_t, Bytes>::Vec;
+  static constexpr bool kByLane = true;
+  using FourFactors = uint32x4_t;
+  static OX_INLINE FourFactors load_factors(const Stored<uint32_t>* p) {
+    return vld1q_u32(reinterpret_cast<const uint32_t*>(p));
+  }
+  template <int kLane> static OX_INLINE Vec mul_add_lane(Vec s, FourFactors a, Vec b) {
+    return (Vec)vmlaq_lane_u32((uint32x4_t)s, (uint32x4_t)b, kLane < 2 ? vget_low_u32(a) : vget_high_u32(a), kLane % 2);
   }
 };
 #endif
