@@ -9,8 +9,8 @@
 namespace ox {
 
 // dst [m x n] = c + a * b, or c - a * b, for m, n and k above zero. In scalars, element (i, k) of a stands at
-// a_row * i + a_col * k and (k, j) of b at b_row * k + b_col * j; b_row or b_col is 1. Rows of c and dst are n apart;
-// c may be null, or dst.
+// a_row * i + a_col * k and (k, j) of b at b_row * k + b_col * j; b_row or b_col is 1, and where m is above 1 a_row or
+// a_col too. Rows of c and dst are n apart; c may be null, or dst.
 struct ProductArgs {
   std::ptrdiff_t m, n, k;
   const void* a;

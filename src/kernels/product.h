@@ -193,16 +193,15 @@ OX_INLINE void tile(const Factors<T>& f, std::ptrdiff_t terms, const Stored<T>* 
         add_lane<L, 3>(sums, factors, row);
         b += f.b_row;
       }
-    } else if constexpr (kRows == 4) {
-      if (f.a_row == 1)
-        for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
-          const auto factors = L::load_factors(a);
-          load_row<L>(row, b, tail);
-          add_to_row<L, 0>(sums[0], factors, row);
-          add_to_row<L, 1>(sums[1], factors, row);
-          add_to_row<L, 2>(sums[2], factors, row);
-          add_to_row<L, 3>(sums[3], factors, row);
-        }
+    } else if constexpr (kRows == 4) {  // a_row is 1
+      for (; terms_left > 0; --terms_left, a += f.a_col, b += f.b_row) {
+        const auto factors = L::load_factors(a);
+        load_row<L>(row, b, tail);
+        add_to_row<L, 0>(sums[0], factors, row);
+        add_to_row<L, 1>(sums[1], factors, row);
+        add_to_row<L, 2>(sums[2], factors, row);
+        add_to_row<L, 3>(sums[3], factors, row);
+      }
     }
   }
   if constexpr (kTwoTerms<L, kRows, kVectors>) {
