@@ -101,9 +101,10 @@ template <class L, class T> OX_INLINE typename L::Factor factor_at(const Stored<
     return L::factor(p->value);
 }
 
-// Factors in memory that meet each vector twice, in even and in odd lanes, are loaded twice, by way of a zero that the
-// compiler does not know: a load takes the place of the copy that a product, which destroys a factor, would cost.
-template <class L, int kVectors> constexpr bool kLoadsTwice = kSpread<L> && L::kRegistersPerSum == 2 && kVectors == 1;
+// Factors in memory that meet two vectors, or one twice, in even and in odd lanes, are loaded twice, by way of a zero that
+// the compiler does not know: a load takes the place of the copy that a product, which destroys a factor, would cost.
+// Where two vectors are loaded each term, more than every other row would be more loads than the processor has time for.
+template <class L, int kVectors> constexpr bool kLoadsTwice = kSpread<L> && kVectors * L::kRegistersPerSum == 2;
 
 // Adds a(r, k) * row for one k.
 template <class L, int kRows, int kVectors, class T>
@@ -112,8 +113,11 @@ OX_INLINE void add_term(typename L::Sum (&sums)[kRows][kVectors], const Stored<T
 #pragma GCC unroll 12
   for (int r = 0; r < kRows; ++r) {
     const auto x = factor_at<L>(a + r * a_row);
-    if constexpr (kLoadsTwice<L, kVectors>) {
+    if constexpr (kLoadsTwice<L, kVectors> && kVectors == 1) {
       sums[r][0] = L::mul_add(sums[r][0], x, factor_at<L>(a + r * a_row + zero), row[0]);
+    } else if constexpr (kLoadsTwice<L, kVectors>) {
+      sums[r][0] = L::mul_add(sums[r][0], x, row[0]);
+      sums[r][1] = L::mul_add(sums[r][1], factor_at<L>(a + r * a_row + (r % 2 == 0 ? zero : 0)), row[1]);
     } else {
 #pragma GCC unroll 4
       for (int v = 0; v < kVectors; ++v) sums[r][v] = L::mul_add(sums[r][v], x, row[v]);
