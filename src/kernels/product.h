@@ -7,6 +7,7 @@
 #pragma once
 
 #include "kernels/kernels.h"
+#include "kernels/product_by_pairs.h"
 #include "kernels/transpose.h"
 #include "lanes/flush.h"
 
@@ -727,6 +728,16 @@ template <class T> void product(const ProductArgs& p) {
       Watch<L> watch;
       return band<L, 1>(p, p.n, watch);
     }
+  if constexpr (kHasPairs<T>) {
+    using P = PairLanes<T>;
+    if (p.m >= 16 && p.n >= P::kLeastCols && p.k >= P::kCount && p.a_col == 1 && p.b_col == 1 && !p.subtract) {
+      const std::ptrdiff_t done = rows_by_pairs<P>(p);
+      if (done < p.m)
+        product_in<L>({p.m - done, p.n, p.k, in<T>(p.a) + done * p.a_row, p.a_row, p.a_col, p.b, p.b_row, p.b_col,
+                       p.c ? in<T>(p.c) + done * p.n : nullptr, out<T>(p.dst) + done * p.n, p.subtract});
+      return;
+    }
+  }
   if constexpr (kSpreadsAhead<L>) {
     // Two vectors, so that the last has one beside it, and as many columns as the spreading is shared by for it to pay.
     constexpr std::ptrdiff_t kLeast = 2 * L::kCount > 16 ? 2 * L::kCount : 16;

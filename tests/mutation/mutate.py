@@ -47,6 +47,7 @@ TOPICS = {
     "fixed3/fixed3.cpp": "fixed3", "kalman/kalman.cpp": "kalman", "tracker/tracker.cpp": "tracker process",
     "tracker/process.cpp": "process tracker_random", "tracker/ring.h": "tracker process",
     "kernels/product.h": "multiply multiply_add", "kernels/transpose.h": "transpose multiply inverse",
+    "kernels/product_by_pairs.h": "multiply multiply_add", "lanes/pairs.h": "multiply multiply_add",
     "kernels/elementwise.h": "negate_scale add_sub fill", "kernels/gauss_jordan.h": "inverse",
     "kernels/nearest.h": "process tracker_random", "kernels/kernels.cpp": "lanes",
     "kernels/": "lanes multiply transpose add_sub", "lanes/": "lanes add_sub negate_scale multiply multiply_add",

@@ -197,6 +197,14 @@ TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopWhereFactorsAreSpread) {
       for (const std::int32_t k : {17, 224, 225, 449}) ASSERT_TRUE(product.agrees(random.between(3, 13), n, k, form));
 }
 
+TYPED_TEST(MulAddAndSubMulOfEveryDepth, MatchPlainLoopWhereTermsArePaired) {
+  support::Random random(3213);
+  Product<TypeParam> product(random, 200);
+  for (const Form form : kForms)
+    for (const std::int32_t k : {33, 48, 49, 105, 106})
+      for (const std::int32_t n : {18, 64, 70, 129, 160}) ASSERT_TRUE(product.agrees(random.between(16, 23), n, k, form));
+}
+
 TYPED_TEST(MulAddAndSubMulOfEveryDepth, TakeOneMatrixForBothFactors) {
   support::Random random(3204);
   Product<TypeParam> product(random, 40);

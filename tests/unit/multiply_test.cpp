@@ -169,6 +169,34 @@ TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopWhereFactorsAreSpread) {
         ASSERT_TRUE(product.agrees(random.between(3, 13), n, k, flags));
 }
 
+// Two terms of integers may be multiplied at a time, 48 or 104 terms in a panel of so many vectors of columns.
+TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopWhereTermsArePaired) {
+  support::Random random(3113);
+  Product<TypeParam> product(random, 240);
+  for (const std::int32_t k : {4, 5, 31, 32, 33, 34, 47, 48, 49, 50, 63, 95, 97, 103, 104, 105, 106, 209})
+    for (const std::int32_t n : {16, 64, 96, 128, 160})
+      for (int i = 0; i < 1 + support::scaled(4); ++i)
+        ASSERT_TRUE(product.agrees(random.between(16, 23), n + (i > 0 ? random.between(-3, 35) : 0), k, 0));
+}
+
+TYPED_TEST(MatMulOfEveryDepth, MultipliesEveryTwoExtremesByEveryTwo) {
+  const std::vector<std::uint64_t>& special = support::special_bits(TypeParam::kType);
+  const std::size_t count = special.size(), size = sizeof(typename TypeParam::Scalar);
+  const std::size_t rows = count * count, cols = 2 * rows, terms = 33;
+  support::Random random(3114);
+  Product<TypeParam> product(random, 420);
+  product.lay(static_cast<std::int32_t>(rows), static_cast<std::int32_t>(cols), terms, 0);
+  const auto store = [&](unsigned char* at, std::size_t pair, bool second) {
+    support::store_bits(TypeParam::kType, at, special[second ? pair % count : pair / count]);
+  };
+  for (std::size_t k = 0; k < terms; ++k) {
+    for (std::size_t i = 0; i < rows; ++i) store(product.elements(product.a) + (i * terms + k) * size, i, k % 2 != 0);
+    for (std::size_t j = 0; j < cols; ++j)
+      store(product.elements(product.b) + (k * cols + j) * size, j % rows, k % 2 != 0);
+  }
+  ASSERT_TRUE(product.agrees());
+}
+
 TYPED_TEST(MatMulOfEveryDepth, MultipliesAMatrixByItself) {
   support::Random random(3105);
   Product<TypeParam> product(random, 40);
