@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The one kernel of the three products, for all scalar types and all widths.
+// The kernel of the three products, for all scalar types and all widths; large ones of integers may go by pairs of terms.
 //
 // Lanes run across the columns of the result and k is innermost, with a tile of several rows and vectors of running
 // sums in registers. So each element is summed in rising k, exactly as the plain loop does it, and blocking changes no

@@ -28,15 +28,11 @@ OX_INLINE void tile_by_pairs(const unsigned char* factors, std::ptrdiff_t factor
     for (int v = 0; v < kVectors; ++v) P::store(dst + at(r, v), P::finish(sums[r][v]));
 }
 
-// The factors of so many terms of a row, zeros where the last term has no other. A group more may be written to.
+// The factors of so many terms of a row, a group at least; zeros where the last term has no other. A group more may be
+// written to.
 template <class P, class T>
 OX_INLINE void store_factors(const Stored<T>* a, std::ptrdiff_t terms, unsigned char* to) {
   const auto place = [=](std::ptrdiff_t k) { return to + k / 2 * P::kFactorBytes; };
-  if (terms < P::kCount) {
-    Stored<T> group[P::kCount] = {};
-    for (std::ptrdiff_t k = 0; k < terms; ++k) group[k] = a[k];
-    return P::store_factors(P::load(group), to);
-  }
   const std::ptrdiff_t in_pairs = terms / 2 * 2;
   std::ptrdiff_t k = 0;
   for (; k + P::kCount <= in_pairs; k += P::kCount) P::store_factors(P::load(a + k), place(k));
@@ -58,19 +54,17 @@ OX_INLINE void pair_rows(const Stored<T>* b, std::ptrdiff_t b_row, std::ptrdiff_
     }
 }
 
-// All rows of the result but the last few, fewer than four: returns how many. Rows of a are contiguous, and rows of b, of
-// two vectors at least; nothing is subtracted.
+// All rows of the result but the last few, fewer than four: returns how many. Rows of a are contiguous, of a vector at
+// least, and rows of b, of two; nothing is subtracted.
 template <class P> __attribute__((noinline)) std::ptrdiff_t rows_by_pairs(const ProductArgs& p) {
   using T = typename P::Scalar;
   constexpr std::ptrdiff_t kRows = 4, kVectors = P::kPanelVectors, kPairs = P::kPanelPairs;
   constexpr std::ptrdiff_t kFactorRow = (kPairs + P::kCount / 2) * P::kFactorBytes;
   typename P::Row panel[kPairs * kVectors];
   alignas(16) unsigned char factors[kRows * kFactorRow];
+  static_assert(sizeof panel + sizeof factors <= 15 * 1024 + 512, "with what else stands there, 16 KiB of stack");
   const std::ptrdiff_t rows = p.m / kRows * kRows;
-  // As many terms in each part, as short ones take longer.
-  const std::ptrdiff_t all_pairs = (p.k + 1) / 2, parts = (all_pairs + kPairs - 1) / kPairs;
-  const std::ptrdiff_t most_terms = (all_pairs + parts - 1) / parts * 2;
-  std::ptrdiff_t taken;
+  std::ptrdiff_t taken, terms;
   for (std::ptrdiff_t j = 0; j < p.n; j += taken * P::kCount) {
     // An odd number of vectors first, so that the last of the row, which may be moved left, has one beside it.
     const std::ptrdiff_t vectors = (p.n - j + P::kCount - 1) / P::kCount;
@@ -78,8 +72,11 @@ template <class P> __attribute__((noinline)) std::ptrdiff_t rows_by_pairs(const 
     const std::ptrdiff_t moved = taken < vectors ? 0 : p.n - j - taken * P::kCount;
     const std::ptrdiff_t singles = moved == 0 ? taken : taken - 2;
     const Stored<T>* c = p.c ? in<T>(p.c) + j : nullptr;
-    for (std::ptrdiff_t k = 0; k < p.k; k += most_terms) {
-      const std::ptrdiff_t terms = p.k - k < most_terms ? p.k - k : most_terms, pairs = (terms + 1) / 2;
+    // As many terms in each part, as short ones take longer.
+    std::ptrdiff_t parts = ((p.k + 1) / 2 + kPairs - 1) / kPairs;
+    for (std::ptrdiff_t k = 0; k < p.k; k += terms, --parts) {
+      const std::ptrdiff_t pairs = ((p.k - k + 1) / 2 + parts - 1) / parts;
+      terms = parts > 1 ? 2 * pairs : p.k - k;
       pair_rows<P>(in<T>(p.b) + k * p.b_row + j, p.b_row, terms, taken, moved, panel);
       const Stored<T>* a = in<T>(p.a) + k;
       const Stored<T>* addend = c;

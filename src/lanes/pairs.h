@@ -15,7 +15,10 @@ template <class T> constexpr bool kHasPairs = false;
 #endif
 
 // A Row is a vector of columns of two rows of b. store_factors makes the factors of the pairs of a whole vector of terms,
-// kFactorBytes each, and add_pair adds what one pair of each row of the tile contributes.
+// kFactorBytes each, and add_pair adds what one pair of each row of the tile contributes. A panel has kPanelVectors vectors
+// of kPanelPairs pairs: the more vectors, the more share the factors of a row, the more pairs, the fewer sums wait in the
+// result. With the factors of four rows beside them they fill the stack that a product may take. Results of fewer columns
+// than kLeastCols are not faster by pairs.
 template <class T> struct PairLanes;
 
 #if defined(__x86_64__) && OX_LANE_BYTES == 16
@@ -43,8 +46,8 @@ template <> struct PairLanes<uint32_t> : CompilerLanes<uint32_t, 16> {
     const Vec factors[] = {spread<0>(pairs), spread<1>(pairs), spread<2>(pairs), spread<3>(pairs)};
     __builtin_memcpy(to, factors, sizeof factors);
   }
-  // What the compiler does not know to be in memory it loads once, and then copies. Both take time: each way for half of
-  // the rows is fastest.
+  // What the compiler does not know to be in memory it loads once, and then copies: else it would load rows of b for each
+  // product. Of the factors half are loaded as often as they are needed, which is fastest.
   template <int kRows, int kVectors>
   static OX_INLINE void add_pair(Sum (&sums)[kRows][kVectors], const unsigned char* factors, std::ptrdiff_t factor_row,
                                  const Row* row) {
@@ -69,7 +72,9 @@ template <> struct PairLanes<uint32_t> : CompilerLanes<uint32_t, 16> {
   }
 
  private:
-  template <int kLane> static OX_INLINE Vec spread(Vec v) { return __builtin_shufflevector(v, v, kLane, kLane, kLane, kLane); }
+  template <int kLane> static OX_INLINE Vec spread(Vec v) {
+    return __builtin_shufflevector(v, v, kLane, kLane, kLane, kLane);
+  }
 };
 #endif
 

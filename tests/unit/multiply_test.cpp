@@ -177,6 +177,8 @@ TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopWhereTermsArePaired) {
     for (const std::int32_t n : {16, 64, 96, 128, 160})
       for (int i = 0; i < 1 + support::scaled(4); ++i)
         ASSERT_TRUE(product.agrees(random.between(16, 23), n + (i > 0 ? random.between(-3, 35) : 0), k, 0));
+  // Terms that would leave few for the last of many panels, were they not shared out evenly.
+  for (const std::int32_t k : {1059, 1105, 1106}) ASSERT_TRUE(product.agrees(16, 20, k, 0));
 }
 
 TYPED_TEST(MatMulOfEveryDepth, MultipliesEveryTwoExtremesByEveryTwo) {
