@@ -173,7 +173,7 @@ TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopWhereFactorsAreSpread) {
 TYPED_TEST(MatMulOfEveryDepth, MatchesPlainLoopWhereTermsArePaired) {
   support::Random random(3113);
   Product<TypeParam> product(random, 240);
-  for (const std::int32_t k : {4, 5, 31, 32, 33, 34, 47, 48, 49, 50, 63, 95, 97, 103, 104, 105, 106, 209})
+  for (const std::int32_t k : {4, 5, 31, 32, 33, 34, 47, 48, 49, 50, 53, 57, 63, 95, 97, 103, 104, 105, 106, 209})
     for (const std::int32_t n : {16, 64, 96, 128, 160})
       for (int i = 0; i < 1 + support::scaled(4); ++i)
         ASSERT_TRUE(product.agrees(random.between(16, 23), n + (i > 0 ? random.between(-3, 35) : 0), k, 0));
