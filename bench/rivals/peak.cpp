@@ -42,7 +42,7 @@ struct Bytes : Words16 {
   }
 };
 #else
-using Bytes = Words16;
+using Bytes = Words16;  // no product of bytes, or none that the kernel uses
 #endif
 
 // A chain is v = v * factor + step, whose fixed point is 1. A multiplication and an addition one after the other take 4 to

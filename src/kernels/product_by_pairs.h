@@ -28,8 +28,8 @@ OX_INLINE void tile_by_pairs(const unsigned char* factors, std::ptrdiff_t factor
     for (int v = 0; v < kVectors; ++v) P::store(dst + at(r, v), P::finish(sums[r][v]));
 }
 
-// The factors of so many terms of a row, a group at least; zeros where the last term has no other. A group more may be
-// written to.
+// The factors of so many terms of a row, a vector at least; zeros where the last term has no other. Behind them there must
+// be room for those of one vector more.
 template <class P, class T>
 OX_INLINE void store_factors(const Stored<T>* a, std::ptrdiff_t terms, unsigned char* to) {
   const auto place = [=](std::ptrdiff_t k) { return to + k / 2 * P::kFactorBytes; };
@@ -72,7 +72,8 @@ template <class P> __attribute__((noinline)) std::ptrdiff_t rows_by_pairs(const 
     const std::ptrdiff_t moved = taken < vectors ? 0 : p.n - j - taken * P::kCount;
     const std::ptrdiff_t singles = moved == 0 ? taken : taken - 2;
     const Stored<T>* c = p.c ? in<T>(p.c) + j : nullptr;
-    // As many terms in each part, as short ones take longer.
+    // About as many terms in each part, as short ones take longer, and a vector of them at least.
+    static_assert((kPairs + 1) / 2 * 2 - 1 >= P::kCount, "where there are two parts, each has half a panel");
     std::ptrdiff_t parts = ((p.k + 1) / 2 + kPairs - 1) / kPairs;
     for (std::ptrdiff_t k = 0; k < p.k; k += terms, --parts) {
       const std::ptrdiff_t pairs = ((p.k - k + 1) / 2 + parts - 1) / parts;
