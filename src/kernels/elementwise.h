@@ -116,7 +116,27 @@ template <class T> void negate_each(const void* src, void* dst, std::ptrdiff_t c
   else
     each_scalar(count, out<T>(dst), Negate<T>{}, in<T>(src));
 }
-template <class T> void fill_ones(void* dst, std::ptrdiff_t count) { each_scalar(count, out<T>(dst), One<T>{}); }
+
+// From here on, a little more than a first-level cache holds, fills by four vectors of 64 bytes a turn run at one of two
+// speeds, most often at three quarters of the other; by one a turn almost always at the faster, if the loop lies in one
+// line of the cache.
+constexpr std::ptrdiff_t kOneVectorBytes = std::ptrdiff_t{52} * 1024;
+
+template <class T> void fill_ones(void* dst, std::ptrdiff_t count);
+template <class T> __attribute__((noinline)) void fill_by_one_vector(Stored<T>* dst, std::ptrdiff_t count) {
+  using L = NativeLanes<T>;
+  const auto ones = L::splat(T{1});
+  asm(".p2align 6");
+  for (; count >= L::kCount; count -= L::kCount, dst += L::kCount) L::store(dst, ones);
+  fill_ones<T>(dst, count);
+}
+
+template <class T> void fill_ones(void* dst, std::ptrdiff_t count) {
+  if constexpr (OX_LANE_BYTES == 64)
+    if (count >= kOneVectorBytes / static_cast<std::ptrdiff_t>(sizeof(T)))
+      return fill_by_one_vector(out<T>(dst), count);
+  each_scalar(count, out<T>(dst), One<T>{});
+}
 
 }  // namespace
 }  // namespace ox

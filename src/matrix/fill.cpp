@@ -29,6 +29,30 @@ template <class T, class Value> void fill_diagonal(const ox_mat_t& m, Value valu
   for (int64_t k = n * (cols + 1) - cols; k < rows * cols; ++k) put(0);
 }
 
+#if defined(__x86_64__)
+// What fills a second-level cache and more the processor's own loop fills faster, as it fetches nothing that it overwrites.
+// It is fast on aligned words: what stands before the first of those is stored as a word that overlaps it.
+constexpr std::ptrdiff_t kSecondLevelBytes = std::ptrdiff_t{1024} * 1024, kWord = 8;
+
+__attribute__((noinline)) void set_many(const ox_mat_t& m, std::ptrdiff_t count) {
+  const auto fill_ones = kernels().fill_ones[m.type & 7u];
+  auto* dst = static_cast<unsigned char*>(m.data);
+  const auto size = static_cast<std::ptrdiff_t>(scalar_size(m.type));
+  const auto address = reinterpret_cast<intptr_t>(dst);
+  if (count * size >= kSecondLevelBytes && address % size == 0) {
+    uint64_t ones;
+    fill_ones(&ones, kWord / size);
+    std::memcpy(dst, &ones, kWord);
+    const std::ptrdiff_t first = kWord - address % kWord, bytes = count * size - first;
+    dst += first;
+    std::ptrdiff_t words = bytes / kWord;
+    asm volatile("rep stosq" : "+D"(dst), "+c"(words) : "a"(ones) : "memory");
+    count = bytes % kWord / size;
+  }
+  fill_ones(dst, count);
+}
+#endif
+
 }  // namespace
 }  // namespace ox
 
@@ -40,7 +64,11 @@ void ox_mat_setzero(ox_mat_t* m) {
 }
 
 void ox_mat_setone(ox_mat_t* m) {
-  ox::kernels().fill_ones[m->type & 7u](m->data, ox::scalar_count(*m));
+  const int32_t count = ox::scalar_count(*m);
+#if defined(__x86_64__)
+  if (count >= ox::kSecondLevelBytes / 8) return ox::set_many(*m, count);
+#endif
+  ox::kernels().fill_ones[m->type & 7u](m->data, count);
 }
 
 void ox_mat_setidentity(ox_mat_t* m) {

@@ -123,6 +123,29 @@ TYPED_TEST(FillsOfEveryDepth, SetOneMatchesPlainLoopAroundEveryLaneBoundary) {
   }
 }
 
+// Where more is filled than a first-level cache holds, and more than a second-level one: from every place in a word on, and
+// with every rest, of words and of vectors.
+TYPED_TEST(FillsOfEveryDepth, SetOneMatchesPlainLoopWhereMuchIsFilled) {
+  using T = typename TypeParam::Scalar;
+  constexpr std::size_t kSize = sizeof(T), kSlack = 4096;
+  support::GuardedPages pages((std::size_t{1} << 20) + kSlack);
+  const auto sets_all = [&](std::size_t n, support::Placement where) {
+    unsigned char* const data = pages.place(n * kSize, where);
+    std::memset(data, 0xA5, n * kSize);
+    ox_mat_t m = header(TypeParam::kType, 1, static_cast<std::int32_t>(n), data);
+    ox_mat_setone(&m);
+    const std::vector<T> ones(n, T{1});
+    return same_bytes(data, ones.data(), n * kSize) && pages.intact();
+  };
+  for (const std::size_t bytes : {std::size_t{52} << 10, std::size_t{1} << 20}) {
+    std::size_t n = bytes / kSize - 1;
+    for (std::size_t offset = 0; offset < 16; offset += support::alignment(TypeParam::kType), ++n)
+      ASSERT_TRUE(sets_all(n, {support::Placement::kInside, offset})) << n << " at offset " << offset;
+    for (std::size_t more = 0; more <= 64 / kSize; ++more)
+      ASSERT_TRUE(sets_all(bytes / kSize + more, {support::Placement::kAtEnd, 0})) << more << " more than " << bytes;
+  }
+}
+
 TYPED_TEST(FillsOfEveryDepth, SetOneCountsModulo32BitsAndSigned) {
   support::Random random(1203);
   std::vector<unsigned char> memory(512);
