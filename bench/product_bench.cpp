@@ -153,12 +153,13 @@ constexpr struct {
 } kWidths[] = {{16, "sse2"}, {32, "avx2"}, {64, "avx512"}};
 
 // As many multiplications and additions as the product has.
-void contend_peak(const std::string& table, const std::string& row, const Rivals* rival, unsigned depth, long n) {
+void contend_peak(const std::string& table, const std::string& row, const char* column,
+                  double (*peak)(long terms, long* lanes), long n) {
   const auto sum = static_cast<double*>(new_array(OX_F64, 2));
   const auto ones = std::make_shared<Reference>([sum] { return Expected{{sum[1]}, {}}; });
-  contend(table, row, "peak", array_answer(OX_F64, sum, 2, ones), [=] {
+  contend(table, row, column, array_answer(OX_F64, sum, 2, ones), [=] {
     long lanes;
-    sum[0] = rival->peak[depth](n * n * n, &lanes);
+    sum[0] = peak(n * n * n, &lanes);
     sum[1] = static_cast<double>(lanes);  // every lane ends as it starts, at exactly 1
   });
 }
@@ -181,7 +182,8 @@ void register_integers() {
         contend_ox("integers", row, answer, f, 0, width.bytes);
         contend_rival("integers", row, "eigen", answer, f, rival->eigen.product[depth.depth]);
         contend_rival("integers", row, "plain", answer, f, rival->plain.product[depth.depth]);
-        contend_peak("integers", row, rival, depth.depth, n);
+        contend_peak("integers", row, "peak", rival->peak[depth.depth], n);
+        if (rival->loop[depth.depth]) contend_peak("integers", row, "loop", rival->loop[depth.depth], n);
       }
     }
 }
@@ -195,7 +197,7 @@ void register_peak() {
       const Factors f = new_factors(OX_F32, n);
       const auto count = static_cast<std::size_t>(n * n);
       contend_ox("peak", row, array_answer(OX_F32, f.dst, count, product_reference(f, 0)), f, 0, width.bytes);
-      contend_peak("peak", row, rival, OX_F32, n);
+      contend_peak("peak", row, "peak", rival->peak[OX_F32], n);
     }
   }
 }

@@ -76,6 +76,53 @@ template <class L> double peak(long terms, long* lanes) {
 // SSE2 multiplies words of 16 bits: three times for a product of 32 bits.
 double peak_of_halves(long terms, long* lanes) { return peak<Words16>(3 * terms, lanes); }
 
+#if !defined(__AVX512F__)
+// The innermost loop of a product by tiles of kRows rows and kVectors vectors, kLoaded of them from memory, all in the
+// first-level cache: beside products and sums a row of b and the factors are loaded, and what the instructions ask for.
+template <class T, class Factor, int kRows, int kVectors, int kLoaded> double loop(long terms, long* lanes) {
+  typedef T Vec __attribute__((vector_size(kBytes)));
+  constexpr bool kSpread = sizeof(Factor) == sizeof(Vec);  // as whole vectors, where to spread them takes SSE2 too long
+  constexpr int kLanes = sizeof(Vec) / sizeof(T), kTerms = 64;
+  struct {
+    alignas(64) Factor factors[kRows][kTerms] = {};
+    alignas(64) Vec b[kTerms][kLoaded] = {};
+  } cached;
+  Vec sums[kRows][kVectors];
+  for (auto& row : sums)
+    for (Vec& sum : row) sum = T{1} - Vec{};
+  for (long i = 0; i < terms / (kTerms * kRows * kVectors * kLanes); ++i) {
+    long zero = 0;
+    asm("" : "+m"(cached), "+r"(zero));
+#pragma GCC unroll 2
+    for (int k = 0; k < kTerms; ++k) {
+      Vec b[kVectors];
+#pragma GCC unroll 4
+      for (int v = 0; v < kLoaded; ++v) b[v] = cached.b[k][v];
+      if constexpr (kLoaded < kVectors) b[1] = b[0] >> 4 * sizeof(T);  // odd elements, where only words are multiplied
+#pragma GCC unroll 4
+      for (int r = 0; r < kRows; ++r) {
+        const Factor* const a = cached.factors[r] + k;
+        const Vec first = *a - Vec{};
+#pragma GCC unroll 4
+        for (int v = 0; v < kVectors; ++v) {
+          // What a product of SSE2 destroys is loaded again or copied for the next one. Half of each is the fastest; all
+          // loaded, where a single row of b is.
+          const bool again = kSpread && v > 0 && (kLoaded < kVectors || r % 2 == 0);
+          sums[r][v] += (again ? a[zero] - Vec{} : first) * b[v];
+        }
+      }
+    }
+  }
+  Vec all = {};
+  for (const auto& row : sums)
+    for (const Vec& sum : row) all += sum;
+  double total = 0;
+  for (int i = 0; i < kLanes; ++i) total += static_cast<double>(all[i]);
+  *lanes = long{kRows} * kVectors * kLanes;
+  return total;
+}
+#endif
+
 #if defined(__AVX512F__)
 using Doubles = __m512d;
 using Floats = __m256;
@@ -130,6 +177,13 @@ void add_peak(Rivals& rivals) {
   rivals.peak[kS16] = peak<Words16>;
   rivals.peak[kS32] = kBytes == 16 ? peak_of_halves : peak<Words32>;
   rivals.peak[kF32] = peak<Floats32>;
+  // Shapes whose sums the compiler keeps in registers here, the fastest of those; the kernels' own may be others.
+#if !defined(__AVX2__)
+  rivals.loop[kS8] = loop<unsigned short, Words16::Vec, 4, 2, 1>;
+  rivals.loop[kS16] = loop<unsigned short, Words16::Vec, 4, 2, 2>;
+#elif !defined(__AVX512F__)
+  rivals.loop[kS32] = loop<unsigned, unsigned, 3, 3, 3>;
+#endif
   rivals.eliminate = eliminate;
   rivals.peak_bytes = kBytes;
 }

@@ -47,6 +47,8 @@ struct Rivals {
   // peak_bytes, in registers and in independent chains. Returns the sum of all lanes, of which each is 1 but for
   // rounding, and writes how many lanes these are.
   double (*peak[8])(long terms, long* lanes);
+  // By depth, or null: the same in the innermost loop of a product by tiles, which loads from the first-level cache.
+  double (*loop[8])(long terms, long* lanes);
   // The same for so many steps of an elimination, of peak_bytes / 8 numbers each, which are floats in memory and doubles
   // in between.
   double (*eliminate)(long steps, long* lanes);
