@@ -90,7 +90,8 @@ template <class T, class Factor, int kRows, int kVectors, int kLoaded> double lo
   Vec sums[kRows][kVectors];
   for (auto& row : sums)
     for (Vec& sum : row) sum = T{1} - Vec{};
-  for (long i = 0; i < terms / (kTerms * kRows * kVectors * kLanes); ++i) {
+  constexpr long kTurn = long{kTerms} * kRows * kVectors * kLanes;
+  for (long i = 0; i < (terms + kTurn / 2) / kTurn; ++i) {
     long zero = 0;
     asm("" : "+m"(cached), "+r"(zero));
 #pragma GCC unroll 2
