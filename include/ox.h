@@ -108,6 +108,8 @@ OX_API void ox_mat_release(ox_mat_t *m);
  *   OX_U8 " %3d"   OX_S8 " %c"   OX_U16, OX_S16 " %6d"   OX_S32 " %11d"   OX_S64 " %11lld"
  *   OX_F32, OX_F64 " %10f"
  * OX_U16 is shown as a signed 16-bit number. Rows are step / scalar size scalars apart.
+ *
+ * Empty     without rows the heading alone; a row without columns is an empty line.
  */
 OX_API void ox_mat_print(const char *name, const ox_mat_t *m);
 
@@ -250,7 +252,8 @@ OX_API int32_t ox_mat_inv(const ox_mat_t *src, ox_mat_t *dst);
 /* ------------------------------------------------------------------------------------------------
  * 3 x 3 matrices (nine floats, row-major) and 3-vectors on bare arrays
  *
- * Numbers   products and cross product: terms in double precision, (t0 + t1) + t2, rounded once to float.
+ * Numbers   products: terms in double precision, (t0 + t1) + t2, rounded once to float; cross product: the
+ *           difference of two terms in double precision, rounded once.
  *           Outer product and determinant: single precision throughout.
  * Aliasing  an output must not share storage with an input; inputs may be one array.
  * --------------------------------------------------------------------------------------------- */
@@ -272,7 +275,7 @@ OX_API void _matneg_3x3(float *A);
 OX_API float _matdet_3x3(const float *A);
 /** C = u * v^T, each product in single precision. */
 OX_API void _vecoutp_3(const float *u, const float *v, float *C);
-/** w = u x v, each difference of products in double precision, rounded once. */
+/** w = u x v */
 OX_API void _veccrossp_3(const float *u, const float *v, float *w);
 /** u . v */
 OX_API float _vecdotp_3(const float *u, const float *v);
