@@ -198,6 +198,11 @@ TEST_F(Oxtrack, WritesScoresThatReadBackToTheSameFloat) {
   EXPECT_EQ(split(tracked("1,-1,100,200,40,80,0.1000000000\n"), ',').at(6), "0.1");
 }
 
+TEST_F(Oxtrack, RoundsWhatIsTooNearToZeroForADouble) {
+  EXPECT_EQ(split(tracked("1,-1,1e-400,200,40,80,1e-400\n"), ',').at(6), "0");
+  EXPECT_EQ(rows(tracked("1,-1,100,200,40,80,0.5\n", "--confirm-hits 1 --min-score 1e-400")).size(), 1u);
+}
+
 TEST_F(Oxtrack, NeverWritesANegativeZero) {
   const std::string out = tracked("1,-1,-0.00001,-0.0,40,80,0.5\n1,-1,-500,-0.0004,0,-0,0.5\n");
   EXPECT_EQ(out.find("-0.000"), std::string::npos) << out;
@@ -524,6 +529,23 @@ TEST_F(Oxtrack, RefusesALoopOfSymbolicLinks) {
   expect_refused("-o " + quote(path("a")) + " " + file, path("a") + ": ");
 }
 
+TEST_F(Oxtrack, WritesToAnOpenDescriptorWhereItStands) {
+  const std::string file = " --confirm-hits 1 " + quote(write("det.txt", standing(1, 3)));
+  const std::string result = track(file).out;
+  std::filesystem::create_symlink("/dev/stdout", path("link"));
+  for (const std::string &name : {std::string("/dev/stdout"), path("link")}) {
+    const Result written = shell("echo before; " + tool(OXTRACK_PATH) + "-o " + quote(name) + file + "; echo after");
+    EXPECT_EQ(written.out, "before\n" + result + "after\n") << name;
+  }
+  write("out.txt", "before\n");
+  EXPECT_EQ(shell("exec 3>>" + quote(path("out.txt")) + "; " + tool(OXTRACK_PATH) + "-o /dev/fd/3" + file).status, 0);
+  EXPECT_EQ(read("out.txt"), "before\n" + result);
+  // A file that is gone: nothing takes its place.
+  const std::string gone = quote(path("gone.txt"));
+  EXPECT_EQ(shell("exec 3>" + gone + "; rm " + gone + "; " + tool(OXTRACK_PATH) + "-o /dev/fd/3" + file).status, 0);
+  EXPECT_EQ(names(), (std::vector<std::string>{"det.txt", "link", "out.txt"}));
+}
+
 TEST_F(Oxtrack, WritesDevicesAndPipesDirectly) {
   const std::string file = quote(write("det.txt", standing(1, 3)));
   EXPECT_EQ(track("-o /dev/null " + file).status, 0);
@@ -548,12 +570,14 @@ TEST_F(Oxtrack, LeavesTheOutputAloneWhenTheFileSystemRefuses) {
   // A limit on the size of files stands for a disk that fills up half way.
   const std::string file = quote(write("det.txt", standing(1, 3000)));
   write("out.txt", "what was there\n");
-  const Result result =
-      shell("ulimit -f 1; trap '' XFSZ; " + tool(OXTRACK_PATH) + "-o " + quote(path("out.txt")) + " " + file);
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("out.txt: "), std::string::npos) << result.err;
-  EXPECT_EQ(read("out.txt"), "what was there\n");
-  EXPECT_EQ(names(), (std::vector<std::string>{"det.txt", "out.txt"}));
+  for (const std::string caller : {"", "trap '' XFSZ; "}) {  // whether it ignores the signal, which would kill, or not
+    const Result result =
+        shell("ulimit -f 1; " + caller + tool(OXTRACK_PATH) + "-o " + quote(path("out.txt")) + " " + file);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("out.txt: "), std::string::npos) << result.err;
+    EXPECT_EQ(read("out.txt"), "what was there\n");
+    EXPECT_EQ(names(), (std::vector<std::string>{"det.txt", "out.txt"}));
+  }
 }
 
 TEST_F(Oxtrack, FailsOnAClosedStandardOutput) {

@@ -2,11 +2,14 @@
 #include "common/files.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -79,13 +82,33 @@ std::string directory_of(const std::string& path) {
   return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
 
+// A link in /proc, as behind /dev/stdout, to a file that this process has open, wherever that is and whatever its name is
+// now.
+constexpr int kNoDescriptor = -1;
+int open_descriptor(const std::string& link) {
+  struct statfs system {};
+  if (::statfs(directory_of(link).c_str(), &system) != 0 || system.f_type != PROC_SUPER_MAGIC) return kNoDescriptor;
+  int descriptor = kNoDescriptor;
+  std::from_chars(link.data() + directory_of(link).size(), link.data() + link.size(), descriptor);
+  struct stat named {}, open {};
+  const bool same = ::stat(link.c_str(), &named) == 0 && ::fstat(descriptor, &open) == 0 &&
+                    named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+  return same ? descriptor : kNoDescriptor;
+}
+
+struct Target {
+  std::string path;
+  int descriptor;  // or kNoDescriptor
+};
+
 // Where the last link of a chain points, which may not exist yet: realpath would refuse that.
-std::string follow_links(std::string path) {
+Target follow_links(std::string path) {
   constexpr int kMostLinks = 40;  // as the kernel's own limit
   for (int links = 0; links <= kMostLinks; ++links) {
     std::array<char, 4096> target;
     const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
-    if (length < 0) return path;
+    if (length < 0) return {path, kNoDescriptor};
+    if (const int descriptor = open_descriptor(path); descriptor >= 0) return {path, descriptor};
     const std::string next(target.data(), static_cast<std::size_t>(length));
     path = (next.front() == '/' ? std::string() : directory_of(path)).append(next);
   }
@@ -133,12 +156,13 @@ void replace_file(const std::string& path, std::string_view text) {
   const bool exists = ::stat(path.c_str(), &existing) == 0;
   if (!exists && errno != ENOENT) fail(path, errno);
   if (exists && S_ISDIR(existing.st_mode)) fail(path, EISDIR);
+  const Target target = follow_links(path);
+  if (target.descriptor >= 0) return write_descriptor(target.descriptor, path, text);
   if (exists && !S_ISREG(existing.st_mode)) return write_directly(path, text);
   // A rename asks for the directory's permission only: a file that was made read-only must not lose its contents.
   if (exists && ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) fail(path, errno);
 
-  const std::string target = follow_links(path);
-  std::string beside = directory_of(target) + ".ox-XXXXXX";
+  std::string beside = directory_of(target.path) + ".ox-XXXXXX";
   File file(::mkostemp(beside.data(), O_CLOEXEC));
   if (file.get() < 0) fail(path, errno);
   Temporary temporary(beside);
@@ -151,11 +175,12 @@ void replace_file(const std::string& path, std::string_view text) {
   // Without it a crash soon after the rename can leave an empty file in place of the old one.
   if (::fsync(file.get()) != 0) fail(path, errno);
   file.close(path);
-  if (const int error = temporary.rename_to(target)) fail(path, error);
+  if (const int error = temporary.rename_to(target.path)) fail(path, error);
 }
 
 void guard_standard_streams() {
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // cannot fail for a signal that exists
+  // Neither can fail for a signal that exists.
+  for (const int signal : {SIGPIPE, SIGXFSZ}) static_cast<void>(std::signal(signal, SIG_IGN));
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(descriptor, F_GETFD) != -1) continue;
     // Opened the wrong way round, so that use fails: open takes the lowest free number, which is this one.

@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <system_error>
 
@@ -37,7 +38,9 @@ Parsed<double> parse_real(std::string_view text) {
   double value = 0;
   const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
   if (error == std::errc::invalid_argument || end != number.data() + number.size()) return {0, kNotANumber};
-  if (error != std::errc()) return {0, kOutOfRange};
+  // Said of what is too near to zero as well, which is rounded here.
+  if (error != std::errc()) value = std::strtod(std::string(number).c_str(), nullptr);
+  if (error != std::errc() && std::isinf(value)) return {0, kOutOfRange};
   if (!std::isfinite(value)) return {0, kNotFinite};
   return {value, nullptr};
 }
