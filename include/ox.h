@@ -286,7 +286,7 @@ OX_API float _vecdotp_3(const float *u, const float *v);
 
 /**
  * One filter. Every field may be read and written; the matrices are OX_F32 with one channel and belong to the
- * filter's own block: never pass them to ox_mat_release.
+ * filter's own block, all but a model that was given: never pass those of the block to ox_mat_release.
  */
 typedef struct ox_kalman_t {
   uint32_t state_dim;                 /**< n */
@@ -394,7 +394,7 @@ typedef struct ox_tracker_t {
   float near_dist2;      /**< squared centre distance up to which a pair counts as fully overlapping */
   float iou_threshold;   /**< overlap (intersection over union) that a match must exceed */
   int32_t confirm_hits;  /**< matched frames at which a track is confirmed */
-  int32_t max_misses;    /**< consecutive misses beyond which a track is deleted */
+  int32_t max_misses;    /**< consecutive misses beyond which a track is deleted; a tentative one beyond 5 at most */
   uint32_t any_label;    /**< zero: a detection meets tracks of its own label only */
   ox_mat_t *transition_matrix;     /**< A 8 x 8: next = 2 * current - previous, for cx, cy, w, h */
   ox_mat_t *measurement_matrix;    /**< H 4 x 8: picks cx, cy, w, h */
@@ -410,10 +410,11 @@ typedef struct ox_tracker_t {
  *
  * aux0, aux1     kept, never read.
  * count          capacity; zero or below gives a tracker that tracks nothing.
- * confirm_hits, max_misses  below 1 become 1.
+ * confirm_hits, max_misses  below 1 become 1. A tentative track has its hits taken back to 0 while its consecutive
+ *                misses are more than 3, and is deleted beyond 5 even where max_misses is larger.
  * near_dist2     in squared length units of the caller, clamped to 0..1; NaN becomes 1.
- * iou_threshold  clamped to 0..1; NaN becomes 1. With 1, only a pair within near_dist2 or whose overlap rounds
- *                above 1 could exceed it, so as a rule nothing matches.
+ * iou_threshold  clamped to 0..1; NaN becomes 1. With 1, only a pair whose overlap rounds above 1 exceeds it: as a
+ *                rule nothing matches, not even within near_dist2, which makes an overlap of 1.
  * Result         null when an allocation fails; nothing stays allocated then.
  */
 OX_API ox_tracker_t *ox_tracker_create(uint32_t aux0, uint32_t aux1, int32_t count, int32_t confirm_hits,
