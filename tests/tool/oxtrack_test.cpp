@@ -533,8 +533,9 @@ TEST_F(Oxtrack, WritesToAnOpenDescriptorWhereItStands) {
   const std::string file = " --confirm-hits 1 " + quote(write("det.txt", standing(1, 3)));
   const std::string result = track(file).out;
   std::filesystem::create_symlink("/dev/stdout", path("link"));
-  for (const std::string &name : {std::string("/dev/stdout"), path("link")}) {
-    const Result written = shell("echo before; " + tool(OXTRACK_PATH) + "-o " + quote(name) + file + "; echo after");
+  for (const std::string &name : {std::string("/dev/stdout"), path("link"), std::string("1")}) {
+    const std::string run = tool(OXTRACK_PATH) + "-o " + quote(name) + file;
+    const Result written = shell("cd /proc/self/fd; echo before; " + run + "; echo after");
     EXPECT_EQ(written.out, "before\n" + result + "after\n") << name;
   }
   write("out.txt", "before\n");

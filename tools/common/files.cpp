@@ -86,10 +86,12 @@ std::string directory_of(const std::string& path) {
 // now.
 constexpr int kNoDescriptor = -1;
 int open_descriptor(const std::string& link) {
+  const std::string directory = directory_of(link);
   struct statfs system {};
-  if (::statfs(directory_of(link).c_str(), &system) != 0 || system.f_type != PROC_SUPER_MAGIC) return kNoDescriptor;
+  if (::statfs(directory.empty() ? "." : directory.c_str(), &system) != 0 || system.f_type != PROC_SUPER_MAGIC)
+    return kNoDescriptor;
   int descriptor = kNoDescriptor;
-  std::from_chars(link.data() + directory_of(link).size(), link.data() + link.size(), descriptor);
+  std::from_chars(link.data() + directory.size(), link.data() + link.size(), descriptor);
   struct stat named {}, open {};
   const bool same = ::stat(link.c_str(), &named) == 0 && ::fstat(descriptor, &open) == 0 &&
                     named.st_dev == open.st_dev && named.st_ino == open.st_ino;
